@@ -1,0 +1,45 @@
+// CQuillonImpl: the library object behind IQuillon.
+#ifndef QUILLON_PUBLIC_LIBRARY_H
+#define QUILLON_PUBLIC_LIBRARY_H
+
+#include <cstdint>
+
+#include "public/boundary_object.h"
+#include "public/timer_period_scope.h"
+#include "quillon/quillon.h"
+
+namespace NSQuillon2 {
+
+class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
+ public:
+  // Builds the object in its fixed order; a step that raises tears down what
+  // was built and passes the failure on.
+  explicit CQuillonImpl(const SLibraryParams* params);
+  ~CQuillonImpl();
+  CQuillonImpl(const CQuillonImpl&) = delete;
+  CQuillonImpl& operator=(const CQuillonImpl&) = delete;
+
+  uint32_t CheckLibrary() override;
+  IVector<const IDriverSpec*>* GetDriverSpecs(uint32_t* status) override;
+  IClient* CreateClient(IClientHost* host, IHardwareEventSink* context, const IDriverSpec* spec,
+                        uint32_t* running, uint32_t* status) override;
+  IClient* CreateClientWithSettings(IClientHost* host, IHardwareEventSink* context,
+                                    const IDriverSpec* spec, const SClientSettings* settings,
+                                    uint32_t* running, uint32_t* status) override;
+  uint32_t SaveDriverSpec(const IDriverSpec* spec, IByteSink* sink, uint64_t* position) override;
+  IDriverSpec* LoadDriverSpec(IByteSource* source, uint64_t* position, uint32_t* status) override;
+  uint32_t IsValid() override { return 1; }
+
+  uint8_t DriversLoaded() const { return driversLoaded_; }
+  const CTimerPeriodScope* TimerPeriod() const { return timerPeriod_; }
+
+ private:
+  void Teardown();
+
+  uint8_t driversLoaded_ = 0;
+  CTimerPeriodScope* timerPeriod_ = nullptr;
+};
+
+}  // namespace NSQuillon2
+
+#endif

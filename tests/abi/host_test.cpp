@@ -1,0 +1,171 @@
+// A host that knows only the public header and loads the shipping library
+// from disk, as a real host does.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "platform/module.h"
+#include "quillon/quillon.h"
+
+using namespace NSQuillon2;
+
+namespace {
+
+struct Library {
+  Library() {
+    module = NSPlatform::OpenModule(QUILLON_LIBRARY_PATH);
+    if (module == nullptr) return;
+    create = reinterpret_cast<QuillonCreateFunction>(
+        NSPlatform::ModuleSymbol(module, "Quillon_Create"));
+    allocate = reinterpret_cast<QuillonNewFunction>(NSPlatform::ModuleSymbol(module, "Quillon_New"));
+    release =
+        reinterpret_cast<QuillonDeleteFunction>(NSPlatform::ModuleSymbol(module, "Quillon_Delete"));
+  }
+  ~Library() { NSPlatform::CloseModule(module); }
+
+  void* module = nullptr;
+  QuillonCreateFunction create = nullptr;
+  QuillonNewFunction allocate = nullptr;
+  QuillonDeleteFunction release = nullptr;
+};
+
+class HostTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(lib.module, nullptr) << "cannot load " << QUILLON_LIBRARY_PATH;
+    ASSERT_NE(lib.create, nullptr);
+    ASSERT_NE(lib.allocate, nullptr);
+    ASSERT_NE(lib.release, nullptr);
+  }
+  Library lib;
+};
+
+// Where the operations start in the vtable: after MSVC's one destructor slot
+// on Windows, after the two of the native C++ ABI elsewhere.
+#if defined(_WIN32)
+constexpr int kFirstOperation = 1;
+#else
+constexpr int kFirstOperation = 2;
+#endif
+
+void** VTable(void* object) { return *static_cast<void***>(object); }
+
+}  // namespace
+
+TEST_F(HostTest, CreateCheckDestroy) {
+  uint32_t status = 0;
+  IQuillon* library = lib.create("IQuillon2", nullptr, &status);
+  ASSERT_NE(library, nullptr);
+  EXPECT_EQ(status, kStatusOk);
+  EXPECT_EQ(library->CheckLibrary(), 991u);
+  EXPECT_EQ(library->IsValid(), 1u);
+  QuillonDestroy(library);
+}
+
+TEST_F(HostTest, WrongNameAndBadParams) {
+  uint32_t status = 0;
+  EXPECT_EQ(lib.create("IQuillon1", nullptr, &status), nullptr);
+  EXPECT_EQ(status, 993u);
+  for (uint32_t flags : {1u, 3u}) {
+    SLibraryParams params = {nullptr, flags};
+    status = 0;
+    EXPECT_EQ(lib.create("IQuillon2", &params, &status), nullptr);
+    EXPECT_EQ(status, 993u);
+  }
+  for (uint32_t flags : {0u, 2u}) {
+    SLibraryParams params = {nullptr, flags};
+    IQuillon* library = lib.create("IQuillon2", &params, &status);
+    ASSERT_NE(library, nullptr);
+    EXPECT_EQ(status, 991u);
+    QuillonDestroy(library);
+  }
+  SLibraryParams stale = {reinterpret_cast<void*>(static_cast<uintptr_t>(16)), 0};
+  EXPECT_EQ(lib.create("IQuillon2", &stale, &status), nullptr);
+  EXPECT_EQ(status, 993u);
+}
+
+TEST_F(HostTest, MemoryOfTheLibraryHeap) {
+  void* memory = lib.allocate(1000);
+  ASSERT_NE(memory, nullptr);
+  std::memset(memory, 0xAB, 1000);
+  lib.release(memory);
+  lib.release(nullptr);
+}
+
+TEST_F(HostTest, OperationsSitInTheSlotsTheHostExpects) {
+  uint32_t status = 0;
+  IQuillon* library = lib.create("IQuillon2", nullptr, &status);
+  ASSERT_NE(library, nullptr);
+  void** vtable = VTable(library);
+  using CheckLibraryFn = uint32_t (*)(void*);
+  using GetDriverSpecsFn = void* (*)(void*, uint32_t*);
+  using IsValidFn = uint32_t (*)(void*);
+  EXPECT_EQ(reinterpret_cast<CheckLibraryFn>(vtable[kFirstOperation + 0])(library), 991u);
+  uint32_t specsStatus = 0;
+  EXPECT_EQ(reinterpret_cast<GetDriverSpecsFn>(vtable[kFirstOperation + 1])(library, &specsStatus),
+            nullptr);
+  EXPECT_NE(specsStatus, 0u);
+  EXPECT_EQ(reinterpret_cast<IsValidFn>(vtable[kFirstOperation + 6])(library), 1u);
+#if defined(_WIN32)
+  // An MSVC host's `delete library`: slot 0 with flag 1 destroys and frees.
+  using ScalarDeletingDestructorFn = void* (*)(void*, unsigned int);
+  EXPECT_EQ(reinterpret_cast<ScalarDeletingDestructorFn>(vtable[0])(library, 1u), library);
+#else
+  using DeletingDestructorFn = void (*)(void*);
+  reinterpret_cast<DeletingDestructorFn>(vtable[1])(library);
+#endif
+}
+
+#if defined(_WIN32)
+TEST_F(HostTest, ScalarDeletingDestructorWithoutFreeLeavesTheMemoryToTheCaller) {
+  uint32_t status = 0;
+  IQuillon* library = lib.create("IQuillon2", nullptr, &status);
+  ASSERT_NE(library, nullptr);
+  using ScalarDeletingDestructorFn = void* (*)(void*, unsigned int);
+  void* same = reinterpret_cast<ScalarDeletingDestructorFn>(VTable(library)[0])(library, 0u);
+  EXPECT_EQ(same, library);
+  lib.release(same);
+  // The library object is gone with its storage; a new one starts cleanly.
+  IQuillon* again = lib.create("IQuillon2", nullptr, &status);
+  ASSERT_NE(again, nullptr);
+  EXPECT_EQ(again->CheckLibrary(), 991u);
+  QuillonDestroy(again);
+}
+
+namespace {
+
+uint32_t Read32(const unsigned char* p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+// The names in the export directory of a loaded PE32+ image.
+std::set<std::string> ExportedNames(const unsigned char* base) {
+  std::set<std::string> names;
+  const uint32_t peOffset = Read32(base + 0x3C);
+  if (std::memcmp(base + peOffset, "PE\0\0", 4) != 0) return names;
+  const unsigned char* optional = base + peOffset + 24;
+  const uint16_t magic = static_cast<uint16_t>(optional[0] | (optional[1] << 8));
+  if (magic != 0x20B) return names;
+  const uint32_t exportRva = Read32(optional + 112);
+  if (exportRva == 0) return names;
+  const unsigned char* directory = base + exportRva;
+  const uint32_t nameCount = Read32(directory + 24);
+  const unsigned char* nameRvas = base + Read32(directory + 32);
+  for (uint32_t i = 0; i < nameCount; ++i) {
+    names.insert(reinterpret_cast<const char*>(base + Read32(nameRvas + 4 * i)));
+  }
+  return names;
+}
+
+}  // namespace
+
+TEST_F(HostTest, TheDllExportsExactlyTheThreeNames) {
+  const std::set<std::string> names =
+      ExportedNames(static_cast<const unsigned char*>(lib.module));
+  EXPECT_EQ(names, (std::set<std::string>{"Quillon_Create", "Quillon_Delete", "Quillon_New"}));
+}
+#endif
