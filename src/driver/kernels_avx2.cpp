@@ -21,11 +21,6 @@ inline __m128i TruncateWide4(const float* s, __m256d scale) {
   return _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(s)), scale));
 }
 
-inline __m256i TruncateWide8(const float* s, __m256d scale) {
-  return _mm256_inserti128_si256(_mm256_castsi128_si256(TruncateWide4(s, scale)),
-                                 TruncateWide4(s + 4, scale), 1);
-}
-
 // Built where it is used: a constant at namespace scope would run AVX2 code
 // at load, on any processor.
 inline __m256i Swap32Mask() {
@@ -48,23 +43,24 @@ void FloatToInt16Avx2(const float* s, int16_t* d, int32_t n) {
   NSScalar::FloatToInt16(s + i, d + i, n - i);
 }
 
-// Twelve bytes of four 24-bit samples from four 32-bit lanes, stored as
-// eight and four so that nothing beyond them is touched.
-inline void Store12(uint8_t* d, __m128i v) {
-  const __m128i packed =
-      _mm_shuffle_epi8(v, _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
-  _mm_storel_epi64(reinterpret_cast<__m128i*>(d), packed);
-  const int32_t tail = _mm_cvtsi128_si32(_mm_srli_si128(packed, 8));
-  __builtin_memcpy(d + 8, &tail, 4);
+// Eight samples' low three bytes, 24 bytes at the bottom of the register.
+inline __m256i Pack24x8(__m256i v) {
+  const __m256i bytes = _mm256_shuffle_epi8(
+      v, _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5,
+                          6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
+  return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
 }
 
 void FloatToInt24Avx2(const float* s, uint8_t* d, int32_t n) {
   const __m256 scale = _mm256_set1_ps(8388607.0f);
   int32_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    const __m256i v = TruncateScaled(s + i, scale);
-    Store12(d + 3 * i, _mm256_castsi256_si128(v));
-    Store12(d + 3 * i + 12, _mm256_extracti128_si256(v, 1));
+  // Each 32-byte store carries 24 bytes of samples and 8 that the next
+  // store, or the tail, writes over: three samples must follow the block.
+  for (; i + 19 <= n; i += 16) {
+    uint8_t* out = d + 3 * i;
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), Pack24x8(TruncateScaled(s + i, scale)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 24),
+                        Pack24x8(TruncateScaled(s + i + 8, scale)));
   }
   NSScalar::FloatToInt24(s + i, d + 3 * i, n - i);
 }
@@ -72,23 +68,45 @@ void FloatToInt24Avx2(const float* s, uint8_t* d, int32_t n) {
 void FloatToInt32Avx2(const float* s, int32_t* d, int32_t n) {
   const __m256d scale = _mm256_set1_pd(2147483647.0);
   int32_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), TruncateWide8(s + i, scale));
+  for (; i + 16 <= n; i += 16) {
+    __m128i* out = reinterpret_cast<__m128i*>(d + i);
+    _mm_storeu_si128(out, TruncateWide4(s + i, scale));
+    _mm_storeu_si128(out + 1, TruncateWide4(s + i + 4, scale));
+    _mm_storeu_si128(out + 2, TruncateWide4(s + i + 8, scale));
+    _mm_storeu_si128(out + 3, TruncateWide4(s + i + 12, scale));
   }
   NSScalar::FloatToInt32(s + i, d + i, n - i);
 }
 
-void FloatToShiftedInt32Avx2(const float* s, int32_t* d, int32_t n, uint32_t bits,
-                             uint32_t order) {
+inline __m256i TruncateWide8(const float* s, __m256d scale) {
+  return _mm256_inserti128_si256(_mm256_castsi128_si256(TruncateWide4(s, scale)),
+                                 TruncateWide4(s + 4, scale), 1);
+}
+
+template <bool kSwap>
+void ShiftedBlocks(const float* s, int32_t* d, int32_t& i, int32_t n, uint32_t bits) {
   const __m256d scale = _mm256_set1_pd(2147483647.0);
   const __m128i shift = _mm_cvtsi32_si128(static_cast<int>(32 - bits));
-  const bool swap = order == 92;
   const __m256i swapMask = Swap32Mask();
+  for (; i + 16 <= n; i += 16) {
+    __m256i a = _mm256_sra_epi32(TruncateWide8(s + i, scale), shift);
+    __m256i b = _mm256_sra_epi32(TruncateWide8(s + i + 8, scale), shift);
+    if (kSwap) {
+      a = _mm256_shuffle_epi8(a, swapMask);
+      b = _mm256_shuffle_epi8(b, swapMask);
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), a);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i + 8), b);
+  }
+}
+
+void FloatToShiftedInt32Avx2(const float* s, int32_t* d, int32_t n, uint32_t bits,
+                             uint32_t order) {
   int32_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    __m256i v = _mm256_sra_epi32(TruncateWide8(s + i, scale), shift);
-    if (swap) v = _mm256_shuffle_epi8(v, swapMask);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), v);
+  if (order == 92) {
+    ShiftedBlocks<true>(s, d, i, n, bits);
+  } else {
+    ShiftedBlocks<false>(s, d, i, n, bits);
   }
   NSScalar::FloatToShiftedInt32(s + i, d + i, n - i, bits, order);
 }
@@ -154,14 +172,31 @@ void SwapBytes16Avx2(int16_t* s, int32_t n) {
   NSScalar::SwapBytes16(s + i, n - i);
 }
 
+// A block of sixteen samples is 48 bytes, three registers; output byte j
+// comes from input byte j + 2, j or j - 2. Each output register is two
+// shuffles of windows that alignr cuts from neighbouring registers, so
+// blocks never overlap and no store stands in the way of a later load.
 void SwapBytes24Avx2(uint8_t* s, int32_t n) {
-  // Four samples in the low 12 bytes of a 16-byte window; the other 4 bytes
-  // go back as they were, so a window never ends past the buffer.
-  const __m128i mask = _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 12, 13, 14, 15);
+  const __m128i m0 = _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, -1);
+  const __m128i n0 = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 1);
+  const __m128i m1 = _mm_setr_epi8(1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, -1, -1);
+  const __m128i n1 = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 1, 0);
+  const __m128i m2 = _mm_setr_epi8(0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, -1, -1, 15);
+  const __m128i n2 = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 15, 14, -1);
   int32_t i = 0;
-  for (; i + 6 <= n; i += 4) {
+  for (; i + 16 <= n; i += 16) {
     __m128i* p = reinterpret_cast<__m128i*>(s + 3 * i);
-    _mm_storeu_si128(p, _mm_shuffle_epi8(_mm_loadu_si128(p), mask));
+    const __m128i a = _mm_loadu_si128(p);      // bytes 0-15
+    const __m128i b = _mm_loadu_si128(p + 1);  // bytes 16-31
+    const __m128i c = _mm_loadu_si128(p + 2);  // bytes 32-47
+    const __m128i r0 = _mm_or_si128(_mm_shuffle_epi8(a, m0), _mm_shuffle_epi8(b, n0));
+    const __m128i r1 = _mm_or_si128(_mm_shuffle_epi8(_mm_alignr_epi8(b, a, 15), m1),
+                                    _mm_shuffle_epi8(_mm_alignr_epi8(c, b, 15), n1));
+    const __m128i r2 = _mm_or_si128(_mm_shuffle_epi8(_mm_alignr_epi8(c, b, 14), m2),
+                                    _mm_shuffle_epi8(c, n2));
+    _mm_storeu_si128(p, r0);
+    _mm_storeu_si128(p + 1, r1);
+    _mm_storeu_si128(p + 2, r2);
   }
   NSScalar::SwapBytes24(s + 3 * i, n - i);
 }
