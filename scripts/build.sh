@@ -6,9 +6,10 @@ platform=${1:-native}
 shift || true
 case "$platform" in
   native) dir=$root/build/native; extra=() ;;
+  asan) dir=$root/build/asan; extra=(-DCMAKE_BUILD_TYPE=Debug) ;;
   windows) dir=$root/build/windows
            extra=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake") ;;
-  *) echo "build.sh: unknown platform $platform (native or windows)"; exit 2 ;;
+  *) echo "build.sh: unknown platform $platform (native, asan or windows)"; exit 2 ;;
 esac
 cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${extra[@]}" "$@" >/dev/null
 cmake --build "$dir" -j"$(nproc)"

@@ -12,6 +12,12 @@ bash scripts/build.sh native
 echo "== native tests"
 (cd build/native && ctest --output-on-failure --timeout 300 -j"$(nproc)")
 
+echo "== native build with address and undefined-behaviour sanitizers"
+bash scripts/build.sh asan -DQUILLON_SANITIZE=address,undefined -DQUILLON_BUILD_BENCH=OFF
+echo "== native tests under the sanitizers"
+(cd build/asan && ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=1 \
+  UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure --timeout 600 -j"$(nproc)")
+
 echo "== windows build"
 bash scripts/build.sh windows
 echo "== windows tests under Wine"

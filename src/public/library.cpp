@@ -1,5 +1,6 @@
 #include "public/library.h"
 
+#include "driver/clock.h"
 #include "failure/scope.h"
 #include "public/body_storage.h"
 #include "public/globals.h"
@@ -22,6 +23,8 @@ T* NotBuiltYet(uint32_t* status) {
 
 CQuillonImpl::CQuillonImpl(const SLibraryParams* params) {
   try {
+    registryRef_ = new NSFerrand::CRegistryRef();
+    NSFerrand::TimerStart();
     gCurrentLibrary = this;
     if (params != nullptr && params->windowHandle != nullptr) {
       gWindowHandle = params->windowHandle;
@@ -49,6 +52,8 @@ void CQuillonImpl::Teardown() {
     timerPeriod_ = nullptr;
     driversLoaded_ = 0;
     gWindowHandle = nullptr;
+    delete registryRef_;
+    registryRef_ = nullptr;
   } catch (...) {
   }
 }

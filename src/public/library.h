@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "driver/registry.h"
 #include "public/boundary_object.h"
 #include "public/timer_period_scope.h"
 #include "quillon/quillon.h"
@@ -31,12 +32,15 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   uint32_t IsValid() override { return 1; }
 
   uint8_t DriversLoaded() const { return driversLoaded_; }
+  bool HoldsRegistry() const { return registryRef_ != nullptr; }
   const CTimerPeriodScope* TimerPeriod() const { return timerPeriod_; }
 
  private:
   void Teardown();
 
   uint8_t driversLoaded_ = 0;
+  // Created first and released last: the families register in it.
+  NSFerrand::CRegistryRef* registryRef_ = nullptr;
   CTimerPeriodScope* timerPeriod_ = nullptr;
 };
 

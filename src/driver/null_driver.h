@@ -1,0 +1,80 @@
+// The null driver: plays nothing and records nothing, but renders at the
+// pace of a timer like a real device. Always entry 0 of the registry.
+#ifndef QUILLON_DRIVER_NULL_DRIVER_H
+#define QUILLON_DRIVER_NULL_DRIVER_H
+
+#include <cstdint>
+#include <vector>
+
+#include "driver/driver_contract.h"
+#include "driver/periodic_thread.h"
+
+namespace NSFerrand {
+
+class CNullRegisteredDriver final : public CABCRegisteredSoundDriver {
+ public:
+  CABCOpenSoundDriver* OpenWithSettings(const CSoundDriverSettings& settings,
+                                        MSoundRenderer* renderer, void* hardwareContext) override;
+  CABCOpenSoundDriver* OpenWithDefaults(MSoundRenderer* renderer, void* hardwareContext) override;
+  CRegisteredSoundDriverInfo& GetInfo(CRegisteredSoundDriverInfo& info) override;
+};
+
+// All active channels share one silent input array and one scratch output
+// array, so memory does not grow with the channel count.
+struct CNullChannelBuffers {
+  CNullChannelBuffers(uint32_t frameCount, const CChannelBitVector& inputPairs,
+                      const CChannelBitVector& outputPairs);
+
+  uint32_t frames;
+  std::vector<float> silence;
+  std::vector<float> scratch;
+  CChannelPointers inputs;
+  CChannelPointers outputs;
+};
+
+class CNullOpenSoundDriver final : public CABCOpenSoundDriver {
+ public:
+  // A requested rate snaps to the nearest of the five; defaults are 44100.
+  CNullOpenSoundDriver(const CSoundDriverSettings* settings, MSoundRenderer* renderer);
+  ~CNullOpenSoundDriver() override;
+  CNullOpenSoundDriver(const CNullOpenSoundDriver&) = delete;
+  CNullOpenSoundDriver& operator=(const CNullOpenSoundDriver&) = delete;
+
+  CSoundDriverSettings& GetSettings(CSoundDriverSettings& settings) override;
+  void ApplySettings(const CSoundDriverSettings& settings) override;
+  bool TakeSettingsChanged() override;
+  COpenSoundDriverInfo& GetDriverInfo(COpenSoundDriverInfo& info) override;
+  int64_t GetInputLatency() override;
+  int64_t GetOutputLatency() override;
+  bool CanMonitorInputs() override { return false; }
+  void GetInputMonitor(uint32_t, CInputMonitorSetting&) override {}
+  void SetInputMonitor(uint32_t, const CInputMonitorSetting&) override {}
+  bool HasControlPanel() override { return false; }
+  bool HasHardwareDevice() override { return false; }
+  CHardwareDevice* GetHardwareDevice() override { return nullptr; }
+  bool ShowControlPanel() override { return true; }
+  void CheckAlive() override;
+
+  // The render period in force, in milliseconds.
+  uint32_t PeriodMs() const;
+
+ private:
+  static void Tick(CPeriodicCallbackThread* thread);
+  void Close();
+
+  CLockableMutex bufferMutex_;
+  uint32_t sampleRate_ = 44100;
+  uint32_t clockSource_ = 0;
+  MSoundRenderer* renderer_;
+  CNullChannelBuffers* buffers_ = nullptr;
+  std::atomic<bool> dead_{false};
+  bool settingsChanged_ = false;
+  CPeriodicCallbackThread* thread_ = nullptr;
+};
+
+extern const uint32_t kStandardSampleRates[5];
+constexpr uint32_t kNullDriverFrames = 4096;
+
+}  // namespace NSFerrand
+
+#endif

@@ -1,0 +1,127 @@
+#include "driver/registry.h"
+
+#include <cstdlib>
+
+#include "driver/null_driver.h"
+#include "failure/builder.h"
+#include "failure/scope.h"
+
+namespace NSFerrand {
+
+namespace {
+
+CInternalSoundDriverRegistry* gRegistry = nullptr;
+uint32_t gReferences = 0;
+
+CInternalSoundDriverRegistry& Registry() {
+  if (gRegistry == nullptr) NSMarlet::RaiseFailure(NSMarlet::XIllegalCallSequence());
+  return *gRegistry;
+}
+
+// Only the registry deletes what it owns.
+struct SOwner {
+  void operator()(CABCRegisteredSoundDriver* driver) const { delete driver; }
+};
+
+}  // namespace
+
+CInternalSoundDriverRegistry::CInternalSoundDriverRegistry() {
+  Add(new CNullRegisteredDriver());
+}
+
+CInternalSoundDriverRegistry::~CInternalSoundDriverRegistry() {
+  try {
+    RemoveFamily(u"Off");
+  } catch (...) {
+  }
+  drivers_.clear();
+}
+
+bool CInternalSoundDriverRegistry::Add(CABCRegisteredSoundDriver* driver) {
+  CRegisteredSoundDriverInfo info;
+  const CWideString key = driver->GetInfo(info).key;
+  CScopedLock lock(&mutex_);
+  for (const CRegisteredDriverPtr& entry : drivers_) {
+    CRegisteredSoundDriverInfo existing;
+    if (entry->GetInfo(existing).key == key) return false;
+  }
+  // A failure while wrapping deletes the driver on the way out.
+  drivers_.push_back(CRegisteredDriverPtr(driver, SOwner()));
+  changed_.store(1);
+  return true;
+}
+
+void CInternalSoundDriverRegistry::Remove(CABCRegisteredSoundDriver* driver) {
+  CScopedLock lock(&mutex_);
+  for (auto it = drivers_.begin(); it != drivers_.end(); ++it) {
+    if (it->get() == driver) {
+      drivers_.erase(it);
+      changed_.store(1);
+      return;
+    }
+  }
+}
+
+void CInternalSoundDriverRegistry::RemoveFamily(const CWideString& family) {
+  CScopedLock lock(&mutex_);
+  bool removed = false;
+  for (size_t i = 0; i < drivers_.size();) {
+    CWideString entryFamily;
+    try {
+      NSMarlet::COptionalFailureScope scope;
+      CRegisteredSoundDriverInfo info;
+      entryFamily = drivers_[i]->GetInfo(info).family;
+    } catch (...) {
+      // A driver that cannot describe itself goes with any family.
+    }
+    if (!entryFamily.empty() && entryFamily != family) {
+      ++i;
+      continue;
+    }
+    drivers_.erase(drivers_.begin() + static_cast<long>(i));
+    removed = true;
+  }
+  if (removed) changed_.store(1);
+}
+
+void CInternalSoundDriverRegistry::GetDrivers(CRegisteredDriverList& drivers) {
+  CScopedLock lock(&mutex_);
+  drivers = drivers_;
+}
+
+bool CInternalSoundDriverRegistry::TakeChanged() {
+  uint32_t expected = 1;
+  return changed_.compare_exchange_strong(expected, 0);
+}
+
+CRegistryRef::CRegistryRef() {
+  if (gReferences == 0) gRegistry = new CInternalSoundDriverRegistry();
+  ++gReferences;
+}
+
+CRegistryRef::~CRegistryRef() {
+  if (--gReferences == 0) {
+    delete gRegistry;
+    gRegistry = nullptr;
+  }
+}
+
+bool AddRegisteredDriver(CABCRegisteredSoundDriver* driver) { return Registry().Add(driver); }
+void RemoveRegisteredDriver(CABCRegisteredSoundDriver* driver) { Registry().Remove(driver); }
+void RemoveFamily(const CWideString& family) { Registry().RemoveFamily(family); }
+void GetRegisteredDrivers(CRegisteredDriverList& drivers) { Registry().GetDrivers(drivers); }
+bool TakeDriverListChanged() { return Registry().TakeChanged(); }
+bool RegistryExists() { return gRegistry != nullptr; }
+
+uint32_t FindNearestValue(const std::vector<uint32_t>& values, int32_t target) {
+  if (values.size() < 2) return values.at(0);
+  uint16_t best = 0;
+  for (uint16_t i = 1; i < values.size(); ++i) {
+    const int32_t d = std::abs(target - static_cast<int32_t>(values[i]));
+    const int32_t b = std::abs(target - static_cast<int32_t>(values[best]));
+    if (d < b) best = i;
+  }
+  return values[best];
+}
+
+}  // namespace NSFerrand

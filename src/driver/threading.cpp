@@ -1,0 +1,105 @@
+#include "driver/threading.h"
+
+#include "failure/builder.h"
+#include "platform/clock.h"
+
+namespace NSFerrand {
+
+namespace {
+
+constexpr uint32_t kErrorSuccess = 0;
+
+[[noreturn]] void RaiseSystemFailure() { NSMarlet::RaiseFailure(std::exception()); }
+
+}  // namespace
+
+CLockableMutex::CLockableMutex(bool initiallyOwned)
+    : mutex_(NSPlatform::NewMutex(initiallyOwned)) {
+  if (mutex_ == nullptr) RaiseSystemFailure();
+}
+
+// The system mutex is given back too: a driver made and closed again and
+// again would otherwise leak one each time.
+CLockableMutex::~CLockableMutex() { NSPlatform::DestroyMutex(mutex_); }
+
+bool CLockableMutex::TryLock() {
+  const NSPlatform::EWaitResult result = NSPlatform::WaitMutex(mutex_, 0);
+  return result == NSPlatform::kWaitObject || result == NSPlatform::kWaitAbandoned;
+}
+
+void CLockableMutex::Lock() { NSPlatform::WaitMutex(mutex_, NSPlatform::kWaitInfinite); }
+
+bool CLockableMutex::TimedLock(uint32_t milliseconds) {
+  if (TryLock()) return true;
+  const uint32_t deadline = NSPlatform::MillisecondTicks() + milliseconds;
+  for (;;) {
+    if (static_cast<int32_t>(deadline - NSPlatform::MillisecondTicks()) <= 0) return false;
+    if (TryLock()) return true;
+    NSPlatform::SleepMilliseconds(1);
+  }
+}
+
+void CLockableMutex::Unlock() {
+  const uint32_t error = NSPlatform::ReleaseMutex(mutex_);
+  if (error != kErrorSuccess) RaiseSystemFailure();
+}
+
+int32_t SystemPriorityOf(uint32_t priorityCode) {
+  switch (priorityCode) {
+    case kPriorityLowest: return -2;
+    case kPriorityBelowNormal: return -1;
+    case kPriorityNormal: return 0;
+    case kPriorityAboveNormal: return 1;
+    case kPriorityTimeCritical: return NSPlatform::kThreadPriorityTimeCritical;
+    default: return 0;
+  }
+}
+
+CTimedThread::CTimedThread(IThreadFunction* function, uint32_t priorityCode, const char* name)
+    : CTimedThread(function, priorityCode, name, false) {}
+
+CTimedThread::CTimedThread(IThreadFunction* function, uint32_t priorityCode, const char* name,
+                           bool createFailure)
+    : function_(function), priorityCode_(priorityCode), name_(name != nullptr ? name : "") {
+  auto fail = [createFailure]() {
+    if (createFailure) NSMarlet::RaiseFailure(NSMarlet::XCreate());
+    RaiseSystemFailure();
+  };
+  stopEvent_ = NSPlatform::NewEvent(true, false);
+  if (stopEvent_ == nullptr) fail();
+  thread_ = NSPlatform::StartThread(&CTimedThread::Entry, this, SystemPriorityOf(priorityCode));
+  if (thread_ == nullptr) {
+    NSPlatform::DestroyEvent(stopEvent_);
+    fail();
+  }
+}
+
+CTimedThread::~CTimedThread() {
+  if (!NSPlatform::ThreadHasEnded(thread_)) {
+    NSPlatform::SetEvent(stopEvent_);
+    NSPlatform::JoinThread(thread_);
+  }
+  NSPlatform::ReleaseThread(thread_);
+  NSPlatform::DestroyEvent(stopEvent_);
+}
+
+void CTimedThread::Entry(void* self) {
+  CTimedThread* thread = static_cast<CTimedThread*>(self);
+  thread->running_.store(true, std::memory_order_release);
+  try {
+    thread->function_->Run();
+  } catch (...) {
+  }
+  thread->running_.store(false, std::memory_order_release);
+}
+
+void CTimedThread::Join() { NSPlatform::JoinThread(thread_); }
+
+void CTimedThread::Terminate() {
+  NSPlatform::TerminateThread(thread_);
+  running_.store(false, std::memory_order_release);
+}
+
+bool CTimedThread::Ended() const { return NSPlatform::ThreadHasEnded(thread_); }
+
+}  // namespace NSFerrand

@@ -1,0 +1,126 @@
+// The driver layer's only lock and thread types.
+#ifndef QUILLON_DRIVER_THREADING_H
+#define QUILLON_DRIVER_THREADING_H
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "platform/mutex.h"
+#include "platform/threads.h"
+
+namespace NSFerrand {
+
+// A mutex that only its owner releases. Audio threads only ever try it.
+class CLockableMutex {
+ public:
+  explicit CLockableMutex(bool initiallyOwned);
+  ~CLockableMutex();
+  CLockableMutex(const CLockableMutex&) = delete;
+  CLockableMutex& operator=(const CLockableMutex&) = delete;
+
+  // True when taken, also from an owner that died holding it. Never waits.
+  bool TryLock();
+  void Lock();
+  // Tries, then tries every millisecond until the time is over; 0 ms is one try.
+  bool TimedLock(uint32_t milliseconds);
+  // Raises when the caller is not the owner.
+  void Unlock();
+
+ private:
+  NSPlatform::SMutex* mutex_;
+};
+
+class CScopedLock {
+ public:
+  explicit CScopedLock(CLockableMutex* mutex) : mutex_(mutex) { mutex_->Lock(); }
+  ~CScopedLock() {
+    try {
+      mutex_->Unlock();
+    } catch (...) {
+    }
+  }
+  CScopedLock(const CScopedLock&) = delete;
+  CScopedLock& operator=(const CScopedLock&) = delete;
+
+ private:
+  CLockableMutex* mutex_;
+};
+
+// The try form: releases at the end only what it got.
+class CTryScopedLock {
+ public:
+  explicit CTryScopedLock(CLockableMutex* mutex) : mutex_(mutex), locked_(mutex->TryLock()) {}
+  ~CTryScopedLock() {
+    if (!locked_) return;
+    try {
+      mutex_->Unlock();
+    } catch (...) {
+    }
+  }
+  bool Locked() const { return locked_; }
+  CTryScopedLock(const CTryScopedLock&) = delete;
+  CTryScopedLock& operator=(const CTryScopedLock&) = delete;
+
+ private:
+  CLockableMutex* mutex_;
+  bool locked_;
+};
+
+class IThreadFunction {
+ public:
+  virtual void Run() = 0;
+  virtual ~IThreadFunction() = default;
+};
+
+enum : uint32_t {
+  kPriorityLowest = 79,
+  kPriorityBelowNormal = 80,
+  kPriorityNormal = 81,
+  kPriorityAboveNormal = 82,
+  kPriorityTimeCritical = 83
+};
+
+// The system priority of a code; 0 for a code outside the table.
+int32_t SystemPriorityOf(uint32_t priorityCode);
+
+// A started thread running `function->Run()`, which may raise: that ends
+// the thread quietly.
+class CTimedThread {
+ public:
+  CTimedThread(IThreadFunction* function, uint32_t priorityCode, const char* name);
+  // Sets the stop event and waits for a thread still running.
+  ~CTimedThread();
+  CTimedThread(const CTimedThread&) = delete;
+  CTimedThread& operator=(const CTimedThread&) = delete;
+
+  void Join();
+  void Terminate();
+  bool Running() const { return running_.load(std::memory_order_acquire); }
+  bool Ended() const;
+  uint32_t PriorityCode() const { return priorityCode_; }
+  const std::string& Name() const { return name_; }
+  // Manual-reset, set by the destructor of a thread still running.
+  NSPlatform::SEvent* StopEvent() const { return stopEvent_; }
+
+ protected:
+  // `createFailure`: a thread that cannot be made raises XCreate rather than
+  // a plain failure.
+  CTimedThread(IThreadFunction* function, uint32_t priorityCode, const char* name,
+               bool createFailure);
+  NSPlatform::SThread* SystemThread() const { return thread_; }
+
+ private:
+  static void Entry(void* self);
+
+  IThreadFunction* function_;
+  std::atomic<bool> running_{false};
+  uint32_t priorityCode_;
+  NSPlatform::SThread* thread_ = nullptr;
+  NSPlatform::SEvent* stopEvent_ = nullptr;
+  std::string name_;
+};
+
+}  // namespace NSFerrand
+
+#endif

@@ -1,0 +1,17 @@
+// The millisecond clock and sleeping.
+#ifndef QUILLON_PLATFORM_CLOCK_H
+#define QUILLON_PLATFORM_CLOCK_H
+
+#include <cstdint>
+
+namespace NSPlatform {
+
+// Milliseconds since an arbitrary start, wrapping at 2^32 (timeGetTime).
+uint32_t MillisecondTicks();
+void SleepMilliseconds(uint32_t milliseconds);
+// Processor time the whole process has used, in seconds.
+double ProcessCpuSeconds();
+
+}  // namespace NSPlatform
+
+#endif

@@ -1,0 +1,145 @@
+#include "platform/mutex.h"
+
+#include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
+
+namespace NSPlatform {
+
+struct SMutex {
+  pthread_mutex_t mutex;
+};
+
+struct SEvent {
+  pthread_mutex_t mutex;
+  pthread_cond_t condition;
+  bool manualReset;
+  bool set;
+};
+
+namespace {
+
+constexpr uint32_t kErrorNotOwner = 288;
+
+timespec Deadline(clockid_t clock, uint32_t milliseconds) {
+  timespec t;
+  clock_gettime(clock, &t);
+  t.tv_sec += milliseconds / 1000;
+  t.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
+  if (t.tv_nsec >= 1000000000L) {
+    t.tv_sec += 1;
+    t.tv_nsec -= 1000000000L;
+  }
+  return t;
+}
+
+EWaitResult FromLockResult(pthread_mutex_t* mutex, int result) {
+  switch (result) {
+    case 0: return kWaitObject;
+    case EOWNERDEAD:
+      // Its owner died holding it: it is ours now, and usable again.
+      pthread_mutex_consistent(mutex);
+      return kWaitAbandoned;
+    case EBUSY:
+    case ETIMEDOUT: return kWaitTimeout;
+    default: return kWaitFailed;
+  }
+}
+
+}  // namespace
+
+SMutex* NewMutex(bool initiallyOwned) {
+  SMutex* m = new SMutex;
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  const int made = pthread_mutex_init(&m->mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  if (made != 0) {
+    delete m;
+    return nullptr;
+  }
+  if (initiallyOwned) pthread_mutex_lock(&m->mutex);
+  return m;
+}
+
+void DestroyMutex(SMutex* m) {
+  if (m == nullptr) return;
+  // Held by the caller: give back every count first.
+  for (int i = 0; i < 1 << 16 && pthread_mutex_unlock(&m->mutex) == 0; ++i) {
+  }
+  // Still held by another thread: it cannot be destroyed, so it is left.
+  if (pthread_mutex_destroy(&m->mutex) == 0) delete m;
+}
+
+EWaitResult WaitMutex(SMutex* m, uint32_t milliseconds) {
+  if (milliseconds == 0) return FromLockResult(&m->mutex, pthread_mutex_trylock(&m->mutex));
+  if (milliseconds == kWaitInfinite) return FromLockResult(&m->mutex, pthread_mutex_lock(&m->mutex));
+  const timespec deadline = Deadline(CLOCK_REALTIME, milliseconds);
+  return FromLockResult(&m->mutex, pthread_mutex_timedlock(&m->mutex, &deadline));
+}
+
+uint32_t ReleaseMutex(SMutex* m) {
+  const int result = pthread_mutex_unlock(&m->mutex);
+  if (result == 0) return 0;
+  return result == EPERM ? kErrorNotOwner : static_cast<uint32_t>(result);
+}
+
+SEvent* NewEvent(bool manualReset, bool initiallySet) {
+  SEvent* e = new SEvent;
+  pthread_mutex_init(&e->mutex, nullptr);
+  pthread_condattr_t attributes;
+  pthread_condattr_init(&attributes);
+  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+  pthread_cond_init(&e->condition, &attributes);
+  pthread_condattr_destroy(&attributes);
+  e->manualReset = manualReset;
+  e->set = initiallySet;
+  return e;
+}
+
+void DestroyEvent(SEvent* e) {
+  if (e == nullptr) return;
+  pthread_cond_destroy(&e->condition);
+  pthread_mutex_destroy(&e->mutex);
+  delete e;
+}
+
+bool SetEvent(SEvent* e) {
+  pthread_mutex_lock(&e->mutex);
+  e->set = true;
+  pthread_cond_broadcast(&e->condition);
+  pthread_mutex_unlock(&e->mutex);
+  return true;
+}
+
+bool ResetEvent(SEvent* e) {
+  pthread_mutex_lock(&e->mutex);
+  e->set = false;
+  pthread_mutex_unlock(&e->mutex);
+  return true;
+}
+
+EWaitResult WaitEvent(SEvent* e, uint32_t milliseconds) {
+  const timespec deadline = Deadline(CLOCK_MONOTONIC, milliseconds);
+  pthread_mutex_lock(&e->mutex);
+  int result = 0;
+  while (!e->set && result == 0) {
+    if (milliseconds == 0) {
+      result = ETIMEDOUT;
+    } else if (milliseconds == kWaitInfinite) {
+      result = pthread_cond_wait(&e->condition, &e->mutex);
+    } else {
+      result = pthread_cond_timedwait(&e->condition, &e->mutex, &deadline);
+    }
+  }
+  const bool signalled = e->set;
+  if (signalled && !e->manualReset) e->set = false;
+  pthread_mutex_unlock(&e->mutex);
+  if (signalled) return kWaitObject;
+  return result == ETIMEDOUT ? kWaitTimeout : kWaitFailed;
+}
+
+}  // namespace NSPlatform

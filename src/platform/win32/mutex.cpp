@@ -1,0 +1,59 @@
+#include "platform/mutex.h"
+
+#include <windows.h>
+
+namespace NSPlatform {
+
+struct SMutex {
+  HANDLE handle;
+};
+struct SEvent {
+  HANDLE handle;
+};
+
+namespace {
+EWaitResult Wait(HANDLE handle, uint32_t milliseconds) {
+  switch (WaitForSingleObject(handle, milliseconds)) {
+    case WAIT_OBJECT_0: return kWaitObject;
+    case WAIT_ABANDONED: return kWaitAbandoned;
+    case WAIT_TIMEOUT: return kWaitTimeout;
+    default: return kWaitFailed;
+  }
+}
+}  // namespace
+
+SMutex* NewMutex(bool initiallyOwned) {
+  HANDLE handle = CreateMutexW(nullptr, initiallyOwned ? TRUE : FALSE, nullptr);
+  return handle != nullptr ? new SMutex{handle} : nullptr;
+}
+
+void DestroyMutex(SMutex* mutex) {
+  if (mutex == nullptr) return;
+  CloseHandle(mutex->handle);
+  delete mutex;
+}
+
+EWaitResult WaitMutex(SMutex* mutex, uint32_t milliseconds) { return Wait(mutex->handle, milliseconds); }
+
+uint32_t ReleaseMutex(SMutex* mutex) {
+  if (::ReleaseMutex(mutex->handle)) return 0;
+  return GetLastError();
+}
+
+SEvent* NewEvent(bool manualReset, bool initiallySet) {
+  HANDLE handle = CreateEventW(nullptr, manualReset ? TRUE : FALSE, initiallySet ? TRUE : FALSE,
+                               nullptr);
+  return handle != nullptr ? new SEvent{handle} : nullptr;
+}
+
+void DestroyEvent(SEvent* event) {
+  if (event == nullptr) return;
+  CloseHandle(event->handle);
+  delete event;
+}
+
+bool SetEvent(SEvent* event) { return ::SetEvent(event->handle) != FALSE; }
+bool ResetEvent(SEvent* event) { return ::ResetEvent(event->handle) != FALSE; }
+EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds) { return Wait(event->handle, milliseconds); }
+
+}  // namespace NSPlatform
