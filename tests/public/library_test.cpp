@@ -4,6 +4,8 @@
 #include <windows.h>
 #endif
 
+#include "driver/clock.h"
+#include "driver/registry.h"
 #include "failure/body.h"
 #include "public/boundary_object.h"
 #include "public/globals.h"
@@ -67,7 +69,12 @@ TEST_F(LibraryTest, CreateCheckAndDestroy) {
   EXPECT_EQ(impl->TimerPeriod()->Period(), 5u);
   EXPECT_EQ(gCurrentLibrary, impl);
   EXPECT_EQ(LiveBoundaryAllocations(), allocationsBefore + 1);
+  // The registry lives with the library, and the clock has started.
+  EXPECT_TRUE(impl->HoldsRegistry());
+  EXPECT_TRUE(NSFerrand::RegistryExists());
+  EXPECT_GE(NSFerrand::TimerStartPeriod(), 1u);
   QuillonDestroy(library);
+  EXPECT_FALSE(NSFerrand::RegistryExists());
 }
 
 TEST_F(LibraryTest, WrongNamesGive993AndBuildNothing) {
