@@ -62,9 +62,16 @@ void CSystemEvent::Wait() {
   if (!Taken(NSPlatform::WaitEvent(event_, NSPlatform::kWaitInfinite))) RaiseSystemFailure();
 }
 
+uint64_t CThreadAffinity::EffectiveMask(uint64_t processMask) const {
+  if (!maskGiven) return processMask;
+  if ((mask & ~processMask) == 0) return mask;
+  if ((mask & processMask) != 0) return mask & processMask;
+  return processMask;
+}
+
 bool CSystemThread::ApplyAffinity(const CThreadAffinity& affinity) {
-  return NSPlatform::ApplyThreadAffinity(SystemThread(), affinity.idealProcessor, affinity.mask,
-                                         affinity.maskGiven);
+  return NSPlatform::SetThreadAffinity(SystemThread(), affinity.idealProcessor,
+                                       affinity.EffectiveMask(NSPlatform::ProcessAffinityMask()));
 }
 
 }  // namespace NSFerrand

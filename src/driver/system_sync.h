@@ -50,6 +50,11 @@ struct CThreadAffinity {
     return idealProcessor == o.idealProcessor && mask == o.mask && maskGiven == o.maskGiven;
   }
   bool operator!=(const CThreadAffinity& o) const { return !(*this == o); }
+
+  // The mask to give the system: the requested one where it lies within the
+  // process's mask, else their intersection, else (that being empty, or no
+  // mask given) the process's mask.
+  uint64_t EffectiveMask(uint64_t processMask) const;
 };
 
 // As CTimedThread, but a thread that cannot be made raises XCreate, and the

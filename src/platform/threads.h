@@ -24,9 +24,8 @@ void TerminateThread(SThread* thread);
 // Gives back the system's resources of an ended or terminated thread.
 void ReleaseThread(SThread* thread);
 
-// Affinity: ideal processor -1 for none; `mask` used only when `maskGiven`.
-// True when the system took both.
-bool ApplyThreadAffinity(SThread* thread, int32_t idealProcessor, uint64_t mask, bool maskGiven);
+// Ideal processor -1 for none. True when the system took both.
+bool SetThreadAffinity(SThread* thread, int32_t idealProcessor, uint64_t mask);
 uint64_t ProcessAffinityMask();
 
 // The real-time class of the calling thread: "Pro Audio" where the system

@@ -262,6 +262,16 @@ TEST_F(ThreadingTest, SystemThreadWithAffinity) {
   EXPECT_EQ(a.mask, 0xFFFFFFFFu);
   b.maskGiven = true;
   EXPECT_NE(a, b);
+  // Within the process's mask, the intersection, or the process's mask.
+  CThreadAffinity m;
+  m.maskGiven = true;
+  m.mask = 0x2;
+  EXPECT_EQ(m.EffectiveMask(0x3), 0x2u);
+  m.mask = 0x6;
+  EXPECT_EQ(m.EffectiveMask(0x3), 0x2u);
+  m.mask = 0x8;
+  EXPECT_EQ(m.EffectiveMask(0x3), 0x3u);
+  EXPECT_EQ(CThreadAffinity().EffectiveMask(0x5), 0x5u);
   Body body;
   NSPlatform::SEvent* hold = NSPlatform::NewEvent(true, false);
   body.waitOn = hold;

@@ -92,21 +92,12 @@ uint64_t ProcessAffinityMask() {
   return mask;
 }
 
-bool ApplyThreadAffinity(SThread* thread, int32_t, uint64_t mask, bool maskGiven) {
-  // There is no ideal processor here; the mask rule is the same.
-  const uint64_t process = ProcessAffinityMask();
-  uint64_t use = process;
-  if (maskGiven) {
-    if ((mask & ~process) == 0) {
-      use = mask;
-    } else if ((mask & process) != 0) {
-      use = mask & process;
-    }
-  }
+bool SetThreadAffinity(SThread* thread, int32_t, uint64_t mask) {
+  // There is no ideal processor here: the mask alone.
   cpu_set_t set;
   CPU_ZERO(&set);
   for (int cpu = 0; cpu < 64; ++cpu) {
-    if ((use >> cpu) & 1) CPU_SET(cpu, &set);
+    if ((mask >> cpu) & 1) CPU_SET(cpu, &set);
   }
   return pthread_setaffinity_np(thread->handle, sizeof set, &set) == 0;
 }

@@ -46,22 +46,13 @@ void ReleaseThread(SThread* thread) {
   delete thread;
 }
 
-bool ApplyThreadAffinity(SThread* thread, int32_t idealProcessor, uint64_t mask, bool maskGiven) {
+bool SetThreadAffinity(SThread* thread, int32_t idealProcessor, uint64_t mask) {
   bool ok = true;
   if (idealProcessor != -1) {
     ok = SetThreadIdealProcessor(thread->handle, static_cast<DWORD>(idealProcessor)) !=
          static_cast<DWORD>(-1);
   }
-  const uint64_t process = ProcessAffinityMask();
-  uint64_t use = process;
-  if (maskGiven) {
-    if ((mask & ~process) == 0) {
-      use = mask;
-    } else if ((mask & process) != 0) {
-      use = mask & process;
-    }
-  }
-  return SetThreadAffinityMask(thread->handle, static_cast<DWORD_PTR>(use)) != 0 && ok;
+  return SetThreadAffinityMask(thread->handle, static_cast<DWORD_PTR>(mask)) != 0 && ok;
 }
 
 uint64_t ProcessAffinityMask() {
