@@ -117,10 +117,14 @@ namespace {
 struct Body : IThreadFunction {
   std::atomic<int> runs{0};
   bool raise = false;
-  NSPlatform::SEvent* waitOn = nullptr;
+  // Set before the thread starts: wait for an event handed over later.
+  bool waits = false;
+  std::atomic<NSPlatform::SEvent*> waitOn{nullptr};
   void Run() override {
     ++runs;
-    if (waitOn != nullptr) NSPlatform::WaitEvent(waitOn, 20000);
+    if (waits && WaitFor([&] { return waitOn.load() != nullptr; })) {
+      NSPlatform::WaitEvent(waitOn.load(), 20000);
+    }
     if (raise) throw std::runtime_error("body");
   }
 };
@@ -142,6 +146,7 @@ TEST_F(ThreadingTest, ARaisingBodyEndsItsThreadQuietly) {
 
 TEST_F(ThreadingTest, TheDestructorSignalsAThreadStillRunning) {
   Body body;
+  body.waits = true;
   CTimedThread* thread = new CTimedThread(&body, kPriorityAboveNormal, "waiting");
   body.waitOn = thread->StopEvent();
   ASSERT_TRUE(WaitFor([&] { return body.runs.load() == 1; }));
@@ -274,6 +279,7 @@ TEST_F(ThreadingTest, SystemThreadWithAffinity) {
   EXPECT_EQ(CThreadAffinity().EffectiveMask(0x5), 0x5u);
   Body body;
   NSPlatform::SEvent* hold = NSPlatform::NewEvent(true, false);
+  body.waits = true;
   body.waitOn = hold;
   {
     CSystemThread thread(&body, kPriorityNormal, "affine");

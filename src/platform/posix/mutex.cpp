@@ -3,12 +3,19 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 
 namespace NSPlatform {
 
+// The owner is kept beside the system mutex, so that a release by another
+// thread is refused without asking the system, and a mutex can be given
+// back in full before it is destroyed.
 struct SMutex {
   pthread_mutex_t mutex;
+  std::atomic<uint64_t> owner{0};
+  uint32_t depth = 0;  // touched by the owner alone
 };
 
 struct SEvent {
@@ -22,6 +29,22 @@ namespace {
 
 constexpr uint32_t kErrorNotOwner = 288;
 
+std::atomic<uint64_t> gNextThreadToken{1};
+
+uint64_t ThisThread() {
+  thread_local uint64_t token = gNextThreadToken.fetch_add(1);
+  return token;
+}
+
+void Acquired(SMutex* m) {
+  if (m->owner.load(std::memory_order_relaxed) == ThisThread()) {
+    ++m->depth;
+  } else {
+    m->owner.store(ThisThread(), std::memory_order_relaxed);
+    m->depth = 1;
+  }
+}
+
 timespec Deadline(clockid_t clock, uint32_t milliseconds) {
   timespec t;
   clock_gettime(clock, &t);
@@ -34,12 +57,14 @@ timespec Deadline(clockid_t clock, uint32_t milliseconds) {
   return t;
 }
 
-EWaitResult FromLockResult(pthread_mutex_t* mutex, int result) {
+EWaitResult FromLockResult(SMutex* m, int result) {
   switch (result) {
-    case 0: return kWaitObject;
+    case 0: Acquired(m); return kWaitObject;
     case EOWNERDEAD:
       // Its owner died holding it: it is ours now, and usable again.
-      pthread_mutex_consistent(mutex);
+      pthread_mutex_consistent(&m->mutex);
+      m->owner.store(ThisThread(), std::memory_order_relaxed);
+      m->depth = 1;
       return kWaitAbandoned;
     case EBUSY:
     case ETIMEDOUT: return kWaitTimeout;
@@ -61,30 +86,36 @@ SMutex* NewMutex(bool initiallyOwned) {
     delete m;
     return nullptr;
   }
-  if (initiallyOwned) pthread_mutex_lock(&m->mutex);
+  if (initiallyOwned) FromLockResult(m, pthread_mutex_lock(&m->mutex));
   return m;
 }
 
 void DestroyMutex(SMutex* m) {
   if (m == nullptr) return;
-  // Held by the caller: give back every count first.
-  for (int i = 0; i < 1 << 16 && pthread_mutex_unlock(&m->mutex) == 0; ++i) {
+  const uint64_t owner = m->owner.load(std::memory_order_relaxed);
+  if (owner == ThisThread()) {
+    // Held by the caller: give back every count first.
+    while (m->depth > 0) ReleaseMutex(m);
+  } else if (owner != 0) {
+    // Held by another thread: it cannot be destroyed, so it is left.
+    return;
   }
-  // Still held by another thread: it cannot be destroyed, so it is left.
-  if (pthread_mutex_destroy(&m->mutex) == 0) delete m;
+  pthread_mutex_destroy(&m->mutex);
+  delete m;
 }
 
 EWaitResult WaitMutex(SMutex* m, uint32_t milliseconds) {
-  if (milliseconds == 0) return FromLockResult(&m->mutex, pthread_mutex_trylock(&m->mutex));
-  if (milliseconds == kWaitInfinite) return FromLockResult(&m->mutex, pthread_mutex_lock(&m->mutex));
+  if (milliseconds == 0) return FromLockResult(m, pthread_mutex_trylock(&m->mutex));
+  if (milliseconds == kWaitInfinite) return FromLockResult(m, pthread_mutex_lock(&m->mutex));
   const timespec deadline = Deadline(CLOCK_REALTIME, milliseconds);
-  return FromLockResult(&m->mutex, pthread_mutex_timedlock(&m->mutex, &deadline));
+  return FromLockResult(m, pthread_mutex_timedlock(&m->mutex, &deadline));
 }
 
 uint32_t ReleaseMutex(SMutex* m) {
+  if (m->owner.load(std::memory_order_relaxed) != ThisThread()) return kErrorNotOwner;
+  if (--m->depth == 0) m->owner.store(0, std::memory_order_relaxed);
   const int result = pthread_mutex_unlock(&m->mutex);
-  if (result == 0) return 0;
-  return result == EPERM ? kErrorNotOwner : static_cast<uint32_t>(result);
+  return result == 0 ? 0 : static_cast<uint32_t>(result);
 }
 
 SEvent* NewEvent(bool manualReset, bool initiallySet) {

@@ -1,0 +1,327 @@
+#include "driver/handle.h"
+
+#include "driver/clock.h"
+#include "failure/builder.h"
+#include "failure/scope.h"
+
+namespace NSFerrand {
+
+namespace {
+
+constexpr uint32_t kLockTimeoutMs = 5000;
+
+// Both channel lists of every silent block: shared, so a tick allocates nothing.
+CChannelPointers gNoInputs;
+CChannelPointers gNoOutputs;
+
+CSoundDriverSettings StartingSettings() {
+  CSoundDriverSettings settings;
+  settings.bufferFrames = kSilentBlockFrames;
+  return settings;
+}
+
+[[noreturn]] void RaiseLockTimeout() {
+  NSMarlet::RaiseFailure(NSMarlet::NSMarletDetails::XStdRuntimeError(""),
+                         NSMarlet::TargetWordAudioDriver());
+}
+
+}  // namespace
+
+COpenSoundDriverHandle::COpenSoundDriverHandle(const CRegisteredDriverPtr& registered,
+                                               MSoundRenderer* renderer, void* hardwareContext)
+    : silentMutex_(true), registered_(registered), renderer_(renderer),
+      settings_(StartingSettings()) {
+  Construct(nullptr, hardwareContext);
+}
+
+COpenSoundDriverHandle::COpenSoundDriverHandle(const CRegisteredDriverPtr& registered,
+                                               const CSoundDriverSettings& settings,
+                                               MSoundRenderer* renderer, void* hardwareContext)
+    : silentMutex_(true), registered_(registered), renderer_(renderer), settings_(settings) {
+  Construct(&settings, hardwareContext);
+}
+
+COpenSoundDriverHandle::COpenSoundDriverHandle(MSoundRenderer* renderer, void* hardwareContext)
+    : silentMutex_(true), renderer_(renderer), settings_(StartingSettings()) {
+  CRegisteredDriverList drivers;
+  GetRegisteredDrivers(drivers);
+  if (!drivers.empty()) registered_ = drivers.front();
+  Construct(nullptr, hardwareContext);
+}
+
+void COpenSoundDriverHandle::Construct(const CSoundDriverSettings* settings,
+                                       void* hardwareContext) {
+  try {
+    NSMarlet::COptionalFailureScope scope;
+    OpenAndRefresh(settings, hardwareContext);
+    state_ = kDriverOpen;
+  } catch (...) {
+    EnterSilentMode();
+  }
+}
+
+COpenSoundDriverHandle::~COpenSoundDriverHandle() {
+  try {
+    NSMarlet::COptionalFailureScope scope;
+    if (state_ == kDriverLost) {
+      TakeSilentMutexFor(kLockTimeoutMs);
+      state_ = kNoDriver;
+      delete silentThread_;
+      silentThread_ = nullptr;
+    }
+  } catch (...) {
+  }
+  delete driver_;
+  driver_ = nullptr;
+  registered_.reset();
+  if (state_ != kDriverLost && state_ != kDriverSuspended) {
+    state_ = kNoDriver;
+    ReleaseSilentMutex();
+  }
+  // A thread still paying (suspended) goes before the mutex it tries.
+  delete silentThread_;
+  silentThread_ = nullptr;
+}
+
+void COpenSoundDriverHandle::OpenAndRefresh(const CSoundDriverSettings* settings,
+                                            void* hardwareContext) {
+  if (!registered_) NSMarlet::RaiseFailure(NSMarlet::XNotFound(), NSMarlet::TargetWordAudioDriver());
+  driver_ = settings != nullptr
+                ? registered_->OpenWithSettings(*settings, renderer_, hardwareContext)
+                : registered_->OpenWithDefaults(renderer_, hardwareContext);
+  Refresh();
+}
+
+void COpenSoundDriverHandle::Refresh() {
+  driver_->GetSettings(settings_);
+  inputLatency_ = driver_->GetInputLatency();
+  outputLatency_ = driver_->GetOutputLatency();
+  driver_->GetDriverInfo(info_);
+}
+
+template <class Call>
+bool COpenSoundDriverHandle::Guarded(Call call) {
+  if (driver_ == nullptr) return false;
+  try {
+    NSMarlet::COptionalFailureScope scope;
+    call(*driver_);
+    return true;
+  } catch (...) {
+    EnterSilentMode();
+    return false;
+  }
+}
+
+void COpenSoundDriverHandle::EnterSilentMode() {
+  changed_ = true;
+  delete driver_;
+  driver_ = nullptr;
+  silentLastTick_ = GetTickCount32();
+  StartSilentThread();
+  state_ = kDriverLost;
+  ReleaseSilentMutex();
+}
+
+void COpenSoundDriverHandle::StartSilentThread() {
+  CPeriodicCallbackThread* former = silentThread_;
+  silentThread_ = new CPeriodicCallbackThread(kSilentTickMs, &SilentTick, this);
+  delete former;
+}
+
+bool COpenSoundDriverHandle::TakeSilentMutexFor(uint32_t milliseconds) {
+  if (silentMutexHeld_) return true;
+  silentMutexHeld_ = silentMutex_.TimedLock(milliseconds);
+  return silentMutexHeld_;
+}
+
+void COpenSoundDriverHandle::ReleaseSilentMutex() {
+  if (!silentMutexHeld_) return;
+  silentMutexHeld_ = false;
+  silentMutex_.Unlock();
+}
+
+void COpenSoundDriverHandle::SilentTick(CPeriodicCallbackThread* thread) {
+  auto* self = static_cast<COpenSoundDriverHandle*>(thread->UserData());
+  CTryScopedLock lock(&self->silentMutex_);
+  if (!lock.Locked()) return;
+  PaySilence(self->silentLastTick_, GetTickCount32(), self->renderer_);
+}
+
+uint32_t COpenSoundDriverHandle::PaySilence(uint64_t& lastTick, uint64_t now,
+                                            MSoundRenderer* renderer) {
+  // The clock is 32 bits wide: the difference is taken as it wraps.
+  const uint32_t ticks = static_cast<uint32_t>(now - lastTick);
+  const int64_t elapsed = TicksToMicroseconds(ticks);
+  const uint64_t samples = static_cast<uint64_t>(static_cast<double>(elapsed) * 44100.0 * 1e-6);
+  const uint32_t blocks = static_cast<uint32_t>(samples / kSilentBlockFrames);
+  if (blocks == 0) return 0;
+  for (uint32_t i = 0; i < blocks; ++i) {
+    try {
+      NSMarlet::COptionalFailureScope scope;
+      renderer->Render(kSilentBlockFrames, gNoInputs, gNoOutputs, 0, 0, 0, 0);
+    } catch (...) {
+    }
+  }
+  lastTick = now;
+  return blocks;
+}
+
+void COpenSoundDriverHandle::ReadDriverSettings(CSoundDriverSettings& settings) {
+  Guarded([this](CABCOpenSoundDriver& d) { d.GetSettings(settings_); });
+  settings = settings_;
+}
+
+void COpenSoundDriverHandle::ReadDriverInfo(COpenSoundDriverInfo& info) {
+  Guarded([this](CABCOpenSoundDriver& d) { d.GetDriverInfo(info_); });
+  info = info_;
+}
+
+int64_t COpenSoundDriverHandle::GetInputLatency() {
+  Guarded([this](CABCOpenSoundDriver& d) { inputLatency_ = d.GetInputLatency(); });
+  return inputLatency_;
+}
+
+int64_t COpenSoundDriverHandle::GetOutputLatency() {
+  Guarded([this](CABCOpenSoundDriver& d) { outputLatency_ = d.GetOutputLatency(); });
+  return outputLatency_;
+}
+
+bool COpenSoundDriverHandle::CanMonitorInputs() {
+  bool can = false;
+  Guarded([&can](CABCOpenSoundDriver& d) { can = d.CanMonitorInputs(); });
+  return can;
+}
+
+bool COpenSoundDriverHandle::HasControlPanel() {
+  bool has = false;
+  Guarded([&has](CABCOpenSoundDriver& d) { has = d.HasControlPanel(); });
+  return has;
+}
+
+void COpenSoundDriverHandle::ShowControlPanel() {
+  Guarded([](CABCOpenSoundDriver& d) { d.ShowControlPanel(); });
+}
+
+bool COpenSoundDriverHandle::HasHardwareDevice() {
+  return driver_ != nullptr && driver_->HasHardwareDevice();
+}
+
+CHardwareDevice* COpenSoundDriverHandle::GetHardwareDevice() {
+  return driver_ != nullptr ? driver_->GetHardwareDevice() : nullptr;
+}
+
+void COpenSoundDriverHandle::ApplyDriverSettings(const CSoundDriverSettings& settings) {
+  Guarded([&settings](CABCOpenSoundDriver& d) {
+    CSoundDriverSettings present;
+    d.GetSettings(present);
+    d.ApplySettings(settings);
+  });
+}
+
+bool COpenSoundDriverHandle::TakeHandleSettingsChanged() {
+  bool driverChanged = false;
+  Guarded([&driverChanged](CABCOpenSoundDriver& d) { driverChanged = d.TakeSettingsChanged(); });
+  if (driverChanged) {
+    changed_ = false;
+    return true;
+  }
+  if (!changed_) return false;
+  changed_ = false;
+  return true;
+}
+
+void COpenSoundDriverHandle::PollDriver() {
+  if (driver_ == nullptr) return;
+  try {
+    NSMarlet::COptionalFailureScope scope;
+    driver_->CheckAlive();
+  } catch (const std::exception& e) {
+    EnterSilentMode();
+    NSMarlet::CFailureBuilder builder{NSMarlet::CSourcePosition()};
+    builder.SetFromException(NSMarlet::XNotReady(""));
+    builder.SetTargetWord(NSMarlet::TargetWordAudioDriver());
+    builder.AddErrorString(e.what());
+    NSMarlet::RaiseBody(builder);
+  } catch (...) {
+    EnterSilentMode();
+    NSMarlet::RaiseFailure(NSMarlet::XNotReady(""), NSMarlet::TargetWordAudioDriver());
+  }
+}
+
+void COpenSoundDriverHandle::SuspendDriver() {
+  if (state_ == kDriverOpen) {
+    driver_->GetSettings(settings_);
+    inputLatency_ = driver_->GetInputLatency();
+    outputLatency_ = driver_->GetOutputLatency();
+    driver_->GetDriverInfo(info_);
+    delete driver_;
+    driver_ = nullptr;
+    silentLastTick_ = GetTickCount32();
+    StartSilentThread();
+    state_ = kDriverSuspended;
+    ReleaseSilentMutex();
+  }
+  ++suspendCount_;
+}
+
+void COpenSoundDriverHandle::ResumeDriver(void* hardwareContext) {
+  if (state_ != kDriverSuspended || suspendCount_ != 1) {
+    --suspendCount_;
+    return;
+  }
+  if (!TakeSilentMutexFor(kLockTimeoutMs)) RaiseLockTimeout();
+  delete silentThread_;
+  silentThread_ = nullptr;
+  --suspendCount_;
+  state_ = kNoDriver;
+  const CRegisteredDriverPtr registered = registered_;
+  const CSoundDriverSettings settings = settings_;
+  registered_.reset();
+  settings_ = CSoundDriverSettings();
+  info_ = COpenSoundDriverInfo();
+  registered_ = registered;
+  try {
+    OpenAndRefresh(&settings, hardwareContext);
+    state_ = kDriverOpen;
+  } catch (...) {
+    EnterSilentMode();
+    throw;
+  }
+}
+
+void COpenSoundDriverHandle::SwitchDriver(const CRegisteredDriverPtr& registered,
+                                          void* hardwareContext) {
+  Switch(registered, nullptr, hardwareContext);
+}
+
+void COpenSoundDriverHandle::SwitchDriverWithSettings(const CRegisteredDriverPtr& registered,
+                                                      const CSoundDriverSettings& settings,
+                                                      void* hardwareContext) {
+  Switch(registered, &settings, hardwareContext);
+}
+
+void COpenSoundDriverHandle::Switch(const CRegisteredDriverPtr& registered,
+                                    const CSoundDriverSettings* settings, void* hardwareContext) {
+  changed_ = true;
+  if (state_ == kDriverLost) {
+    if (!TakeSilentMutexFor(kLockTimeoutMs)) RaiseLockTimeout();
+    delete silentThread_;
+    silentThread_ = nullptr;
+  }
+  try {
+    NSMarlet::COptionalFailureScope scope;
+    state_ = kNoDriver;
+    delete driver_;
+    driver_ = nullptr;
+    registered_.reset();
+    settings_ = CSoundDriverSettings();
+    info_ = COpenSoundDriverInfo();
+    registered_ = registered;
+    OpenAndRefresh(settings, hardwareContext);
+    state_ = kDriverOpen;
+  } catch (...) {
+    EnterSilentMode();
+  }
+}
+
+}  // namespace NSFerrand
