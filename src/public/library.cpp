@@ -4,20 +4,19 @@
 #include "failure/scope.h"
 #include "public/body_storage.h"
 #include "public/globals.h"
+#include "public/client.h"
+#include "public/client_settings.h"
+#include "public/driver_spec.h"
+#include "public/spec_io.h"
 #include "public/status.h"
+#include "public/vectors.h"
+#include "text/wide_text.h"
 
 namespace NSQuillon2 {
 
 namespace {
 
 constexpr uint32_t kTimerPeriodMs = 5;
-
-// What an operation answers before the part of the library behind it exists.
-template <class T>
-T* NotBuiltYet(uint32_t* status) {
-  Put(status, static_cast<uint32_t>(kStatusLogicError));
-  return nullptr;
-}
 
 }  // namespace
 
@@ -67,27 +66,185 @@ uint32_t CQuillonImpl::CheckLibrary() {
   }
 }
 
+bool CQuillonImpl::Listed(const NSFerrand::CRegisteredSoundDriverInfo& info) const {
+  return driversLoaded_ != 0 || NSTextPackage::CompareTextExact(info.family, u"Off") !=
+                                    NSTextPackage::kCompareEqual;
+}
+
 IVector<const IDriverSpec*>* CQuillonImpl::GetDriverSpecs(uint32_t* status) {
-  return NotBuiltYet<IVector<const IDriverSpec*>>(status);
+  if (IsValid() != 1) {
+    Put(status, static_cast<uint32_t>(kStatusNotValid));
+    return nullptr;
+  }
+  try {
+    NSMarlet::CFailureScope scope;
+    NSFerrand::CRegisteredDriverList drivers;
+    NSFerrand::GetRegisteredDrivers(drivers);
+    std::vector<CDriverSpecImpl> specs;
+    for (const NSFerrand::CRegisteredDriverPtr& driver : drivers) {
+      NSFerrand::CRegisteredSoundDriverInfo info;
+      driver->GetInfo(info);
+      if (!Listed(info)) continue;
+      specs.emplace_back(info.key, MakeDriverSpecKey(info));
+    }
+    IVector<const IDriverSpec*>* list = new CDriverSpecVector(specs);
+    Put(status, static_cast<uint32_t>(kStatusOk));
+    return list;
+  } catch (...) {
+    Put(status, StatusFromCurrentFailure());
+    return nullptr;
+  }
 }
 
-IClient* CQuillonImpl::CreateClient(IClientHost*, IHardwareEventSink*, const IDriverSpec*,
-                                    uint32_t*, uint32_t* status) {
-  return NotBuiltYet<IClient>(status);
+NSFerrand::CRegisteredDriverPtr CQuillonImpl::ResolveDriverSpec(const IDriverSpec* spec,
+                                                                uint32_t* status) {
+  using NSTextPackage::CompareTextExact;
+  using NSTextPackage::kCompareEqual;
+  if (IsValid() != 1) {
+    Put(status, static_cast<uint32_t>(kStatusNotValid));
+    return NSFerrand::CRegisteredDriverPtr();
+  }
+  try {
+    NSMarlet::CFailureScope scope;
+    const CDriverSpecImpl* mine = CDriverSpecImpl::FromInterface(spec);
+    if (mine == nullptr) {
+      Put(status, static_cast<uint32_t>(kStatusInvalidArgument));
+      return NSFerrand::CRegisteredDriverPtr();
+    }
+    SDriverSpecKey wanted;
+    const uint32_t read = mine->GetKeyRecord(&wanted);
+    if (read != kStatusOk) {
+      Put(status, read);
+      return NSFerrand::CRegisteredDriverPtr();
+    }
+    NSFerrand::CRegisteredDriverList drivers;
+    NSFerrand::GetRegisteredDrivers(drivers);
+    // First the very driver, by its key.
+    for (const NSFerrand::CRegisteredDriverPtr& driver : drivers) {
+      NSFerrand::CRegisteredSoundDriverInfo info;
+      driver->GetInfo(info);
+      if (Listed(info) && info.key == mine->Key()) {
+        Put(status, static_cast<uint32_t>(kStatusOk));
+        return driver;
+      }
+    }
+    // Then one of the same identity under another key; an updated version
+    // is still the same driver.
+    for (const NSFerrand::CRegisteredDriverPtr& driver : drivers) {
+      NSFerrand::CRegisteredSoundDriverInfo info;
+      driver->GetInfo(info);
+      if (!Listed(info)) continue;
+      const SDriverSpecKey record = MakeDriverSpecKey(info);
+      if (CompareTextExact(RecordText(record.family), RecordText(wanted.family)) ==
+              kCompareEqual &&
+          CompareTextExact(RecordText(record.name), RecordText(wanted.name)) == kCompareEqual &&
+          CompareTextExact(RecordText(record.manufacturer), RecordText(wanted.manufacturer)) ==
+              kCompareEqual &&
+          record.flags[0] == wanted.flags[0] && record.flags[1] == wanted.flags[1]) {
+        Put(status, static_cast<uint32_t>(kStatusOk));
+        return driver;
+      }
+    }
+    Put(status, static_cast<uint32_t>(kStatusDriverNotFound));
+    return NSFerrand::CRegisteredDriverPtr();
+  } catch (...) {
+    Put(status, StatusFromCurrentFailure());
+    return NSFerrand::CRegisteredDriverPtr();
+  }
 }
 
-IClient* CQuillonImpl::CreateClientWithSettings(IClientHost*, IHardwareEventSink*,
-                                                const IDriverSpec*, const SClientSettings*,
-                                                uint32_t*, uint32_t* status) {
-  return NotBuiltYet<IClient>(status);
+IClient* CQuillonImpl::NewClient(IClientHost* host, const IDriverSpec* spec,
+                                 const SClientSettings* settings, uint32_t* running,
+                                 uint32_t* status) {
+  const NSFerrand::CRegisteredDriverPtr driver = ResolveDriverSpec(spec, status);
+  if (!driver) return nullptr;
+  const NSFerrand::CSoundDriverSettings wanted =
+      settings != nullptr ? MakeDriverSettings(*settings) : NSFerrand::CSoundDriverSettings();
+  CQuillonClient* client =
+      new CQuillonClient(this, host, driver, settings != nullptr ? &wanted : nullptr);
+  Put(running, client->Handle().IsDriverLost() ? 0u : 1u);
+  Put(status, static_cast<uint32_t>(kStatusOk));
+  return client;
 }
 
-uint32_t CQuillonImpl::SaveDriverSpec(const IDriverSpec*, IByteSink*, uint64_t*) {
-  return kStatusLogicError;
+IClient* CQuillonImpl::CreateClient(IClientHost* host, IHardwareEventSink*, const IDriverSpec* spec,
+                                    uint32_t* running, uint32_t* status) {
+  try {
+    NSMarlet::CFailureScope scope;
+    Put(status, static_cast<uint32_t>(kStatusRuntimeError));
+    if (IsValid() != 1) {
+      Put(status, static_cast<uint32_t>(kStatusNotValid));
+      return nullptr;
+    }
+    if (host == nullptr) {
+      Put(status, static_cast<uint32_t>(kStatusInvalidArgument));
+      return nullptr;
+    }
+    return NewClient(host, spec, nullptr, running, status);
+  } catch (...) {
+    Put(status, StatusFromCurrentFailure());
+    return nullptr;
+  }
 }
 
-IDriverSpec* CQuillonImpl::LoadDriverSpec(IByteSource*, uint64_t*, uint32_t* status) {
-  return NotBuiltYet<IDriverSpec>(status);
+IClient* CQuillonImpl::CreateClientWithSettings(IClientHost* host, IHardwareEventSink*,
+                                                const IDriverSpec* spec,
+                                                const SClientSettings* settings,
+                                                uint32_t* running, uint32_t* status) {
+  if (IsValid() != 1) {
+    Put(status, static_cast<uint32_t>(kStatusNotValid));
+    return nullptr;
+  }
+  if (host == nullptr || settings == nullptr || !IsSoundRecord(*settings)) {
+    Put(status, static_cast<uint32_t>(kStatusInvalidArgument));
+    return nullptr;
+  }
+  try {
+    NSMarlet::CFailureScope scope;
+    Put(status, static_cast<uint32_t>(kStatusRuntimeError));
+    return NewClient(host, spec, settings, running, status);
+  } catch (...) {
+    Put(status, StatusFromCurrentFailure());
+    return nullptr;
+  }
+}
+
+uint32_t CQuillonImpl::SaveDriverSpec(const IDriverSpec* spec, IByteSink* sink,
+                                      uint64_t* position) {
+  if (IsValid() != 1) return kStatusNotValid;
+  const CDriverSpecImpl* mine = CDriverSpecImpl::FromInterface(spec);
+  if (mine == nullptr || sink == nullptr || position == nullptr) return kStatusInvalidArgument;
+  try {
+    NSMarlet::CFailureScope scope;
+    SDriverSpecKey record;
+    const uint32_t read = mine->GetKeyRecord(&record);
+    if (read != kStatusOk) ThrowFromStatus(read);
+    WriteDriverSpec(*mine, *sink, *position);
+    return kStatusOk;
+  } catch (...) {
+    return StatusFromCurrentFailure();
+  }
+}
+
+IDriverSpec* CQuillonImpl::LoadDriverSpec(IByteSource* source, uint64_t* position,
+                                          uint32_t* status) {
+  if (IsValid() != 1) {
+    Put(status, static_cast<uint32_t>(kStatusNotValid));
+    return nullptr;
+  }
+  if (source == nullptr || position == nullptr) {
+    Put(status, static_cast<uint32_t>(kStatusInvalidArgument));
+    return nullptr;
+  }
+  try {
+    NSMarlet::CFailureScope scope;
+    IDriverSpec* spec = ReadDriverSpec(*source, *position);
+    Put(status, static_cast<uint32_t>(kStatusOk));
+    return spec;
+  } catch (...) {
+    Put(status, StatusFromCurrentFailure());
+    return nullptr;
+  }
 }
 
 }  // namespace NSQuillon2

@@ -31,12 +31,21 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   IDriverSpec* LoadDriverSpec(IByteSource* source, uint64_t* position, uint32_t* status) override;
   uint32_t IsValid() override { return 1; }
 
+  // The registered driver a spec names: by key first, then by identity.
+  // Empty, with the reason in `status`, when there is none.
+  NSFerrand::CRegisteredDriverPtr ResolveDriverSpec(const IDriverSpec* spec, uint32_t* status);
+
   uint8_t DriversLoaded() const { return driversLoaded_; }
   bool HoldsRegistry() const { return registryRef_ != nullptr; }
   const CTimerPeriodScope* TimerPeriod() const { return timerPeriod_; }
 
  private:
   void Teardown();
+  // Counts a driver of the list unless it is the null driver of an object
+  // whose families are not loaded.
+  bool Listed(const NSFerrand::CRegisteredSoundDriverInfo& info) const;
+  IClient* NewClient(IClientHost* host, const IDriverSpec* spec, const SClientSettings* settings,
+                     uint32_t* running, uint32_t* status);
 
   uint8_t driversLoaded_ = 0;
   // Created first and released last: the families register in it.

@@ -2,9 +2,12 @@
 // from disk, as a real host does.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "platform/module.h"
 #include "quillon/quillon.h"
@@ -86,6 +89,65 @@ TEST_F(HostTest, WrongNameAndBadParams) {
   EXPECT_EQ(status, 993u);
 }
 
+namespace {
+
+class CountingHost final : public IClientHost {
+ public:
+  uint32_t Render(IClient*, uint32_t frames, const float* const* inputs, int32_t inputCount,
+                  const SRenderTiming*, float* const* outputs, int32_t outputCount,
+                  const SRenderTiming*) override {
+    lastFrames = frames;
+    channels = inputCount * 100 + outputCount;
+    silentInput = inputs != nullptr && inputs[0][0] == 0.0f;
+    if (outputs != nullptr && outputs[0] != nullptr) outputs[0][0] = 0.5f;
+    ++blocks;
+    return 0;
+  }
+  void OnDriverLost(IClient*) override { ++lost; }
+  void OnSettingsChanged(IClient*, const SClientSettings*) override { ++settings; }
+  void OnDriverListChanged(IClient*) override {}
+  std::atomic<int> blocks{0};
+  std::atomic<uint32_t> lastFrames{0};
+  std::atomic<int> channels{0};
+  std::atomic<bool> silentInput{false};
+  std::atomic<int> lost{0};
+  std::atomic<int> settings{0};
+};
+
+}  // namespace
+
+TEST_F(HostTest, AClientOnNoSoundRendersAndIdles) {
+  uint32_t status = 0;
+  IQuillon* library = lib.create("IQuillon2", nullptr, &status);
+  ASSERT_NE(library, nullptr);
+  IVector<const IDriverSpec*>* specs = library->GetDriverSpecs(&status);
+  ASSERT_NE(specs, nullptr);
+  ASSERT_GE(specs->GetSize(), 1);
+  SDriverSpecKey key;
+  specs->GetData()[0]->GetKeyRecord(&key);
+  EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(key.name)), u"No Sound");
+  CountingHost host;
+  uint32_t running = 0;
+  IClient* client = library->CreateClient(&host, nullptr, specs->GetData()[0], &running, &status);
+  ASSERT_NE(client, nullptr);
+  EXPECT_EQ(status, 991u);
+  EXPECT_EQ(running, 1u);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (host.blocks.load() < 3 && std::chrono::steady_clock::now() < deadline) {
+    EXPECT_EQ(client->Idle(), 991u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_GE(host.blocks.load(), 3);
+  EXPECT_EQ(host.lastFrames.load(), 4096u);
+  EXPECT_EQ(host.channels.load(), 202);
+  EXPECT_TRUE(host.silentInput.load());
+  EXPECT_EQ(host.settings.load(), 1);  // the opening, reported once
+  EXPECT_EQ(host.lost.load(), 0);
+  QuillonDestroy(client);
+  QuillonDestroy(specs);
+  QuillonDestroy(library);
+}
+
 TEST_F(HostTest, MemoryOfTheLibraryHeap) {
   void* memory = lib.allocate(1000);
   ASSERT_NE(memory, nullptr);
@@ -104,9 +166,22 @@ TEST_F(HostTest, OperationsSitInTheSlotsTheHostExpects) {
   using IsValidFn = uint32_t (*)(void*);
   EXPECT_EQ(reinterpret_cast<CheckLibraryFn>(vtable[kFirstOperation + 0])(library), 991u);
   uint32_t specsStatus = 0;
-  EXPECT_EQ(reinterpret_cast<GetDriverSpecsFn>(vtable[kFirstOperation + 1])(library, &specsStatus),
-            nullptr);
-  EXPECT_NE(specsStatus, 0u);
+  void* specs = reinterpret_cast<GetDriverSpecsFn>(vtable[kFirstOperation + 1])(library, &specsStatus);
+  ASSERT_NE(specs, nullptr);
+  EXPECT_EQ(specsStatus, 991u);
+  // The list's own slots: GetSize, GetData, IsValid after the destructor.
+  void** listTable = VTable(specs);
+  using GetSizeFn = int64_t (*)(void*);
+  using IsValidListFn = uint32_t (*)(void*);
+  EXPECT_EQ(reinterpret_cast<GetSizeFn>(listTable[kFirstOperation + 0])(specs), 1);
+  EXPECT_EQ(reinterpret_cast<IsValidListFn>(listTable[kFirstOperation + 2])(specs), 1u);
+#if defined(_WIN32)
+  using ListDestructorFn = void* (*)(void*, unsigned int);
+  reinterpret_cast<ListDestructorFn>(listTable[0])(specs, 1u);
+#else
+  using ListDestructorFn = void (*)(void*);
+  reinterpret_cast<ListDestructorFn>(listTable[1])(specs);
+#endif
   EXPECT_EQ(reinterpret_cast<IsValidFn>(vtable[kFirstOperation + 6])(library), 1u);
 #if defined(_WIN32)
   // An MSVC host's `delete library`: slot 0 with flag 1 destroys and frees.

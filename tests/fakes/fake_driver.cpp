@@ -45,6 +45,7 @@ void CFakeDriverControl::Succeed(EOperation operation) { behaviours_[operation].
 void CFakeDriverControl::Enter(EOperation operation) {
   SBehaviour& b = behaviours_[operation];
   ++b.calls;
+  if (onEnter) onEnter(operation);
   if (const uint32_t ms = b.blockMs.load()) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
   const uint32_t code = b.raiseCode.load();
   if (code == 0) return;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -83,8 +84,11 @@ class CFakeDriverControl {
   std::atomic<int> openDrivers{0};
   std::atomic<int> opened{0};
 
-  // Runs the behaviour of an operation: counts, blocks, raises.
+  // Runs the behaviour of an operation: counts, calls the hook, blocks,
+  // raises.
   void Enter(EOperation operation);
+  // Called on entry to every operation; set before the driver is used.
+  std::function<void(EOperation)> onEnter;
 
  private:
   SBehaviour behaviours_[kOperationCount];

@@ -1,0 +1,385 @@
+#include "public/client.h"
+
+#include <stdexcept>
+
+#include "driver/clock.h"
+#include "failure/builder.h"
+#include "failure/scope.h"
+#include "public/client_settings.h"
+#include "public/driver_spec.h"
+#include "public/globals.h"
+#include "public/library.h"
+#include "public/status.h"
+#include "public/vectors.h"
+
+namespace NSQuillon2 {
+
+using NSFerrand::CRegisteredDriverPtr;
+using NSFerrand::CSoundDriverSettings;
+
+namespace {
+
+constexpr int32_t kWatchdogMs = 5000;
+
+// A driver that failed to start is no failed call: the host learns of it
+// from `running`. Any other failure passes on.
+template <class Call>
+void SwallowingLostDriver(Call call) {
+  try {
+    call();
+  } catch (const NSMarlet::XNotReady& e) {
+    if (!NSMarlet::TargetObjectTypeIs(NSMarlet::BodyFromException(&e, NSMarlet::CSourcePosition()),
+                                      NSMarlet::TargetWordAudioDriver())) {
+      throw;
+    }
+  }
+}
+
+[[noreturn]] void RaiseNoDevice() {
+  throw NSMarlet::XNotFound("GetRequiredZEPDeviceFromOpenSoundDriverHandle()");
+}
+
+[[noreturn]] void RaiseInvalidArgument() { throw std::invalid_argument(""); }
+
+}  // namespace
+
+CQuillonClient::CQuillonClient(CQuillonImpl* library, IClientHost* host,
+                               const CRegisteredDriverPtr& driver,
+                               const CSoundDriverSettings* settings)
+    : library_(library), host_(host), lastRenderTime_(NSFerrand::GetTickCount32()),
+      watchdogArmedTime_(lastRenderTime_.load()) {
+  ++guardCount_;
+  handle_ = settings != nullptr
+                ? new NSFerrand::COpenSoundDriverHandle(driver, *settings, this, nullptr)
+                : new NSFerrand::COpenSoundDriverHandle(driver, this, nullptr);
+  lostReported_ = handle_->IsDriverLost() ? 1 : 0;
+  ++gClientCount;
+  // The first Idle reports no change older than the client.
+  NSFerrand::CRegistryRef registry;
+  NSFerrand::TakeDriverListChanged();
+  --guardCount_;
+}
+
+CQuillonClient::~CQuillonClient() {
+  NSMarlet::COptionalFailureScope scope;
+  delete handle_;
+  handle_ = nullptr;
+  library_ = nullptr;
+  host_ = nullptr;
+  --gClientCount;
+}
+
+template <class Work>
+uint32_t CQuillonClient::Guarded(Work work) {
+  if (guardCount_ != 0) return kStatusNotReady;
+  try {
+    NSMarlet::CFailureScope scope;
+    ++guardCount_;
+    try {
+      work();
+    } catch (...) {
+      --guardCount_;
+      throw;
+    }
+    --guardCount_;
+    return kStatusOk;
+  } catch (...) {
+    return StatusFromCurrentFailure();
+  }
+}
+
+template <class Result, class Work>
+Result* CQuillonClient::GuardedResult(uint32_t* status, Work work) {
+  Result* result = nullptr;
+  const uint32_t answer = Guarded([&] { result = work(); });
+  Put(status, answer);
+  return answer == kStatusOk ? result : nullptr;
+}
+
+template <class Work>
+uint32_t CQuillonClient::Unguarded(Work work) {
+  try {
+    NSMarlet::CFailureScope scope;
+    work();
+    return kStatusOk;
+  } catch (...) {
+    return StatusFromCurrentFailure();
+  }
+}
+
+void CQuillonClient::ReportRunning(uint32_t* running) {
+  if (handle_->IsDriverLost()) {
+    Put(running, 0u);
+    lostReported_ = 1;
+  } else {
+    Put(running, 1u);
+    lostReported_ = 0;
+  }
+}
+
+uint32_t CQuillonClient::SetDriver(const IDriverSpec* spec, uint32_t* running) {
+  return Guarded([&] {
+    uint32_t status = kStatusRuntimeError;
+    const CRegisteredDriverPtr driver = library_->ResolveDriverSpec(spec, &status);
+    if (status != kStatusOk) ThrowFromStatus(status);
+    lostReported_ = 0;
+    SwallowingLostDriver([&] { handle_->SwitchDriver(driver, nullptr); });
+    ReportRunning(running);
+  });
+}
+
+uint32_t CQuillonClient::SetDriverWithSettings(const IDriverSpec* spec,
+                                               const SClientSettings* settings,
+                                               uint32_t* running) {
+  return Guarded([&] {
+    if (settings == nullptr) RaiseInvalidArgument();
+    uint32_t status = kStatusRuntimeError;
+    const CRegisteredDriverPtr driver = library_->ResolveDriverSpec(spec, &status);
+    if (status != kStatusOk) ThrowFromStatus(status);
+    lostReported_ = 0;
+    const CSoundDriverSettings wanted = MakeDriverSettings(*settings);
+    SwallowingLostDriver([&] { handle_->SwitchDriverWithSettings(driver, wanted, nullptr); });
+    ReportRunning(running);
+  });
+}
+
+IDriverSpec* CQuillonClient::GetDriverSpec(uint32_t* status) {
+  return GuardedResult<IDriverSpec>(status, [&]() -> IDriverSpec* {
+    CRegisteredDriverPtr driver;
+    handle_->GetRegisteredDriver(driver);
+    if (!driver) NSMarlet::RaiseFailure(NSMarlet::XNotFound(), NSMarlet::TargetWordAudioDriver());
+    NSFerrand::CRegisteredSoundDriverInfo info;
+    driver->GetInfo(info);
+    return new CDriverSpecImpl(info.key, MakeDriverSpecKey(info));
+  });
+}
+
+IVector<QuillonULong>* CQuillonClient::GetSampleRates(uint32_t* status) {
+  return GuardedResult<IVector<QuillonULong>>(status, [&]() -> IVector<QuillonULong>* {
+    NSFerrand::COpenSoundDriverInfo info;
+    handle_->ReadDriverInfo(info);
+    return new CVector(info.sampleRates);
+  });
+}
+
+IVector<const unsigned short*>* CQuillonClient::GetInputNames(uint32_t* status) {
+  return GuardedResult<IVector<const unsigned short*>>(
+      status, [&]() -> IVector<const unsigned short*>* {
+        NSFerrand::COpenSoundDriverInfo info;
+        handle_->ReadDriverInfo(info);
+        return new CStringVector(info.inputNames);
+      });
+}
+
+IVector<const unsigned short*>* CQuillonClient::GetOutputNames(uint32_t* status) {
+  return GuardedResult<IVector<const unsigned short*>>(
+      status, [&]() -> IVector<const unsigned short*>* {
+        NSFerrand::COpenSoundDriverInfo info;
+        handle_->ReadDriverInfo(info);
+        return new CStringVector(info.outputNames);
+      });
+}
+
+IVector<QuillonULong>* CQuillonClient::GetBufferSizes(uint32_t* status) {
+  return GuardedResult<IVector<QuillonULong>>(status, [&]() -> IVector<QuillonULong>* {
+    NSFerrand::COpenSoundDriverInfo info;
+    handle_->ReadDriverInfo(info);
+    return new CVector(info.bufferSizes);
+  });
+}
+
+IVector<const unsigned short*>* CQuillonClient::GetClockSourceNames(uint32_t* status) {
+  return GuardedResult<IVector<const unsigned short*>>(
+      status, [&]() -> IVector<const unsigned short*>* {
+        NSFerrand::COpenSoundDriverInfo info;
+        handle_->ReadDriverInfo(info);
+        return new CStringVector(info.clockSourceNames);
+      });
+}
+
+uint32_t CQuillonClient::ApplyClientSettings(const SClientSettings* settings, uint32_t* running) {
+  return Guarded([&] {
+    if (settings == nullptr) RaiseInvalidArgument();
+    CSoundDriverSettings inForce;
+    handle_->ReadDriverSettings(inForce);
+    MergeClientSettings(*settings, inForce);
+    lostReported_ = 0;
+    SwallowingLostDriver([&] { handle_->ApplyDriverSettings(inForce); });
+    ReportRunning(running);
+  });
+}
+
+uint32_t CQuillonClient::GetClientSettings(SClientSettings* settings) {
+  return Guarded([&] {
+    if (settings == nullptr) RaiseInvalidArgument();
+    CSoundDriverSettings inForce;
+    handle_->ReadDriverSettings(inForce);
+    MakeFlatSettings(inForce, *settings);
+  });
+}
+
+uint32_t CQuillonClient::GetInputLatency(uint64_t* microseconds) {
+  return Guarded([&] {
+    if (microseconds == nullptr) RaiseInvalidArgument();
+    *microseconds = static_cast<uint64_t>(handle_->GetInputLatency());
+  });
+}
+
+uint32_t CQuillonClient::GetOutputLatency(uint64_t* microseconds) {
+  return Guarded([&] {
+    if (microseconds == nullptr) RaiseInvalidArgument();
+    *microseconds = static_cast<uint64_t>(handle_->GetOutputLatency());
+  });
+}
+
+uint32_t CQuillonClient::CanMonitorInputs(uint8_t* can) {
+  return Guarded([&] {
+    if (can == nullptr) RaiseInvalidArgument();
+    *can = handle_->CanMonitorInputs() ? 1 : 0;
+  });
+}
+
+uint32_t CQuillonClient::HasHardwareDevice(uint8_t* has) {
+  return Unguarded([&] {
+    if (has == nullptr) RaiseInvalidArgument();
+    *has = handle_->HasHardwareDevice() ? 1 : 0;
+  });
+}
+
+// Every hardware operation needs the device of the driver in use first; the
+// hardware glue that answers them joins the library later, so for now each
+// ends at that check.
+uint32_t CQuillonClient::GetGainSafePaddedChannel(uint32_t, int32_t*) {
+  return Unguarded([&] {
+    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+  });
+}
+
+uint32_t CQuillonClient::GetGainSafePaddingDb(uint32_t, float*) {
+  return Unguarded([&] {
+    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+  });
+}
+
+uint32_t CQuillonClient::SetGainSafeRoutingEnable(uint32_t, uint32_t) {
+  return Unguarded([&] {
+    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+  });
+}
+
+uint32_t CQuillonClient::SetGainSafeIndicator(uint32_t selector) {
+  return Unguarded([&] {
+    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+    if (selector < kGainSafeIndicatorState0 || selector > kGainSafeIndicatorState2) {
+      RaiseInvalidArgument();
+    }
+  });
+}
+
+uint32_t CQuillonClient::SetChannelActiveIndicator(uint32_t, uint32_t) {
+  return Unguarded([&] {
+    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+  });
+}
+
+uint32_t CQuillonClient::ClearDirectMonitoring() {
+  return Unguarded([&] {
+    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+  });
+}
+
+uint32_t CQuillonClient::SuspendDriver() {
+  return Guarded([&] { handle_->SuspendDriver(); });
+}
+
+uint32_t CQuillonClient::ResumeDriver(uint32_t* running) {
+  return Guarded([&] {
+    handle_->ResumeDriver(nullptr);
+    ReportRunning(running);
+  });
+}
+
+uint32_t CQuillonClient::ShowControlPanel() {
+  return Guarded([&] { handle_->ShowControlPanel(); });
+}
+
+uint32_t CQuillonClient::HasControlPanel(uint32_t* has) {
+  return Guarded([&] {
+    if (has == nullptr) RaiseInvalidArgument();
+    *has = handle_->HasControlPanel() ? 1 : 0;
+  });
+}
+
+void CQuillonClient::RunWatchdog() {
+  const uint32_t last = lastRenderTime_.load();
+  const uint32_t now = NSFerrand::GetTickCount32();
+  const int32_t silence = static_cast<int32_t>(now - last);
+  if (watchdogArmed_ == 0) {
+    if (silence > kWatchdogMs) {
+      watchdogArmed_ = 1;
+      watchdogArmedTime_ = now;
+    }
+    return;
+  }
+  if (silence <= kWatchdogMs) {
+    watchdogArmed_ = 0;
+    return;
+  }
+  if (static_cast<int32_t>(now - watchdogArmedTime_) > kWatchdogMs) {
+    if (!handle_->IsDriverLost()) handle_->EnterSilentMode();
+    watchdogArmed_ = 0;
+  }
+}
+
+uint32_t CQuillonClient::Idle() {
+  if (guardCount_ != 0) return kStatusNotReady;
+  try {
+    NSMarlet::CFailureScope scope;
+    bool settingsChanged = false;
+    bool listChanged = false;
+    SClientSettings settings;
+    ++guardCount_;
+    try {
+      SwallowingLostDriver([&] { handle_->PollDriver(); });
+      RunWatchdog();
+      if (handle_->TakeHandleSettingsChanged()) {
+        CSoundDriverSettings inForce;
+        handle_->ReadDriverSettings(inForce);
+        MakeFlatSettings(inForce, settings);
+        settingsChanged = true;
+      }
+      NSFerrand::CRegistryRef registry;
+      listChanged = NSFerrand::TakeDriverListChanged();
+    } catch (...) {
+      --guardCount_;
+      throw;
+    }
+    --guardCount_;
+    // Outside the guard: the host may call back into the client from here.
+    if (settingsChanged) host_->OnSettingsChanged(this, &settings);
+    if (listChanged) host_->OnDriverListChanged(this);
+    if (lostReported_ == 0 && handle_->IsDriverLost()) {
+      lostReported_ = 1;
+      host_->OnDriverLost(this);
+    }
+    return kStatusOk;
+  } catch (...) {
+    return StatusFromCurrentFailure();
+  }
+}
+
+uint32_t CQuillonClient::Render(uint32_t frames, const NSFerrand::CChannelPointers& inputs,
+                                NSFerrand::CChannelPointers& outputs, uint64_t inputSystemTime,
+                                uint64_t inputSamplePosition, uint64_t outputSystemTime,
+                                uint64_t outputSamplePosition) {
+  lastRenderTime_.exchange(NSFerrand::GetTickCount32());
+  const int32_t inputCount = static_cast<int32_t>(inputs.size());
+  const int32_t outputCount = static_cast<int32_t>(outputs.size());
+  const SRenderTiming inputTiming = {inputSamplePosition, inputSystemTime};
+  const SRenderTiming outputTiming = {outputSamplePosition, outputSystemTime};
+  return host_->Render(this, frames, inputCount > 0 ? inputs.data() : nullptr, inputCount,
+                       &inputTiming, outputCount > 0 ? outputs.data() : nullptr, outputCount,
+                       &outputTiming);
+}
+
+}  // namespace NSQuillon2

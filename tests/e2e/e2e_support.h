@@ -1,0 +1,163 @@
+// A host for the tests through the boundary: it drives the library with the
+// exports, interfaces and flat records alone. Only the set-up reaches
+// inside, to register the fake driver family before the library is made.
+#ifndef QUILLON_TESTS_E2E_SUPPORT_H
+#define QUILLON_TESTS_E2E_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "driver/registry.h"
+#include "driver/wait.h"
+#include "fakes/fake_driver.h"
+#include "quillon/quillon.h"
+
+using namespace NSQuillon2;
+
+class TestHost final : public IClientHost {
+ public:
+  uint32_t Render(IClient* client, uint32_t frames, const float* const* inputs, int32_t inputCount,
+                  const SRenderTiming* inputTiming, float* const* outputs, int32_t outputCount,
+                  const SRenderTiming* outputTiming) override {
+    lastClient = client;
+    lastFrames = frames;
+    lastInputsNull = inputs == nullptr;
+    lastOutputsNull = outputs == nullptr;
+    lastInputCount = inputCount;
+    lastOutputCount = outputCount;
+    zeroTimings = inputTiming != nullptr && outputTiming != nullptr &&
+                  inputTiming->samplePosition == 0 && inputTiming->systemTime == 0 &&
+                  outputTiming->samplePosition == 0 && outputTiming->systemTime == 0;
+    for (int32_t c = 0; c < outputCount; ++c) {
+      if (outputs[c] != nullptr) outputs[c][0] = 0.25f;
+    }
+    if (frames == 5120 && inputs == nullptr && outputs == nullptr) {
+      ++silentBlocks;
+    } else {
+      ++drivenBlocks;
+    }
+    if (raiseInRender.exchange(false)) throw std::runtime_error("host render");
+    return 0;
+  }
+  void OnDriverLost(IClient* client) override {
+    Record("lost");
+    ++lost;
+    if (onLost) onLost(client);
+  }
+  void OnSettingsChanged(IClient* client, const SClientSettings* settings) override {
+    Record("settings");
+    lastSettings = *settings;
+    if (onSettings) onSettings(client);
+  }
+  void OnDriverListChanged(IClient*) override { Record("list"); }
+
+  void Record(const char* event) {
+    std::lock_guard<std::mutex> lock(eventsLock);
+    events.push_back(event);
+  }
+  std::vector<std::string> Events() {
+    std::lock_guard<std::mutex> lock(eventsLock);
+    return events;
+  }
+
+  std::atomic<IClient*> lastClient{nullptr};
+  std::atomic<uint32_t> lastFrames{0};
+  std::atomic<bool> lastInputsNull{false};
+  std::atomic<bool> lastOutputsNull{false};
+  std::atomic<int32_t> lastInputCount{-1};
+  std::atomic<int32_t> lastOutputCount{-1};
+  std::atomic<bool> zeroTimings{false};
+  std::atomic<uint64_t> silentBlocks{0};
+  std::atomic<uint64_t> drivenBlocks{0};
+  std::atomic<bool> raiseInRender{false};
+  std::atomic<int> lost{0};
+  SClientSettings lastSettings;
+  std::function<void(IClient*)> onLost;
+  std::function<void(IClient*)> onSettings;
+
+ private:
+  std::mutex eventsLock;
+  std::vector<std::string> events;
+};
+
+// The library with the fake family registered after the null driver.
+class LibraryFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    registryHold.reset(new NSFerrand::CRegistryRef());
+    control = std::make_shared<Fakes::CFakeDriverControl>();
+    otherControl = std::make_shared<Fakes::CFakeDriverControl>();
+    fake = new Fakes::CFakeRegisteredDriver(control, u"fake-key-1", u"MME", u"Fake One");
+    other = new Fakes::CFakeRegisteredDriver(otherControl, u"fake-key-2", u"DX", u"Fake Two");
+    ASSERT_TRUE(NSFerrand::AddRegisteredDriver(fake));
+    ASSERT_TRUE(NSFerrand::AddRegisteredDriver(other));
+    uint32_t status = 0;
+    library = Quillon_Create("IQuillon2", nullptr, &status);
+    ASSERT_NE(library, nullptr);
+    ASSERT_EQ(status, kStatusOk);
+    specs = library->GetDriverSpecs(&status);
+    ASSERT_EQ(status, kStatusOk);
+  }
+  void TearDown() override {
+    QuillonDestroy(specs);
+    QuillonDestroy(library);
+    registryHold.reset();
+  }
+  const IDriverSpec* Spec(int index) const { return specs->GetData()[index]; }
+  const IDriverSpec* NullSpec() const { return Spec(0); }
+  const IDriverSpec* FakeSpec() const { return Spec(1); }
+  const IDriverSpec* OtherSpec() const { return Spec(2); }
+  IClient* Create(const IDriverSpec* spec, uint32_t* running, uint32_t* status) {
+    return library->CreateClient(&host, nullptr, spec, running, status);
+  }
+
+  std::unique_ptr<NSFerrand::CRegistryRef> registryHold;
+  std::shared_ptr<Fakes::CFakeDriverControl> control;
+  std::shared_ptr<Fakes::CFakeDriverControl> otherControl;
+  Fakes::CFakeRegisteredDriver* fake = nullptr;
+  Fakes::CFakeRegisteredDriver* other = nullptr;
+  IQuillon* library = nullptr;
+  IVector<const IDriverSpec*>* specs = nullptr;
+  TestHost host;
+};
+
+// Byte sinks and sources of a host, over memory, answering chosen statuses.
+class MemorySink final : public IByteSink {
+ public:
+  uint32_t Write(uint64_t position, uint64_t length, const void* data) override {
+    if (failAt >= 0 && writes++ == failAt) return failWith;
+    if (bytes.size() < position + length) bytes.resize(static_cast<size_t>(position + length));
+    std::memcpy(&bytes[static_cast<size_t>(position)], data, static_cast<size_t>(length));
+    return kStatusOk;
+  }
+  std::string bytes;
+  int failAt = -1;
+  int writes = 0;
+  uint32_t failWith = kStatusWriteFailure;
+};
+
+class MemorySource final : public IByteSource {
+ public:
+  explicit MemorySource(std::string data) : bytes(std::move(data)) {}
+  uint32_t Read(uint64_t position, uint64_t length, void* data) override {
+    if (failWith != 0) return failWith;
+    if (position + length > bytes.size()) return kStatusReadFailure;
+    std::memcpy(data, bytes.data() + position, static_cast<size_t>(length));
+    return kStatusOk;
+  }
+  std::string bytes;
+  uint32_t failWith = 0;
+};
+
+inline std::u16string Text(const unsigned short* units) {
+  return std::u16string(reinterpret_cast<const char16_t*>(units));
+}
+
+#endif
