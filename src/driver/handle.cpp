@@ -89,6 +89,8 @@ void COpenSoundDriverHandle::OpenAndRefresh(const CSoundDriverSettings* settings
   driver_ = settings != nullptr
                 ? registered_->OpenWithSettings(*settings, renderer_, hardwareContext)
                 : registered_->OpenWithDefaults(renderer_, hardwareContext);
+  // A family whose allocation failed answers with no driver at all.
+  if (driver_ == nullptr) NSMarlet::RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver());
   Refresh();
 }
 

@@ -39,6 +39,11 @@ bool CLockableMutex::TimedLock(uint32_t milliseconds) {
   }
 }
 
+bool CLockableMutex::Wait(uint32_t milliseconds) {
+  const NSPlatform::EWaitResult result = NSPlatform::WaitMutex(mutex_, milliseconds);
+  return result == NSPlatform::kWaitObject || result == NSPlatform::kWaitAbandoned;
+}
+
 void CLockableMutex::Unlock() {
   const uint32_t error = NSPlatform::ReleaseMutex(mutex_);
   if (error != kErrorSuccess) RaiseSystemFailure();
@@ -94,6 +99,10 @@ void CTimedThread::Entry(void* self) {
 }
 
 void CTimedThread::Join() { NSPlatform::JoinThread(thread_); }
+
+bool CTimedThread::JoinFor(uint32_t milliseconds) {
+  return NSPlatform::JoinThreadFor(thread_, milliseconds);
+}
 
 void CTimedThread::Terminate() {
   NSPlatform::TerminateThread(thread_);

@@ -24,6 +24,8 @@ class CLockableMutex {
   void Lock();
   // Tries, then tries every millisecond until the time is over; 0 ms is one try.
   bool TimedLock(uint32_t milliseconds);
+  // One wait of the system, at most that long.
+  bool Wait(uint32_t milliseconds);
   // Raises when the caller is not the owner.
   void Unlock();
 
@@ -95,6 +97,8 @@ class CTimedThread {
   CTimedThread& operator=(const CTimedThread&) = delete;
 
   void Join();
+  // Waits at most that long; true when the thread has ended.
+  bool JoinFor(uint32_t milliseconds);
   void Terminate();
   bool Running() const { return running_.load(std::memory_order_acquire); }
   bool Ended() const;

@@ -18,6 +18,8 @@ SThread* StartThread(ThreadEntry entry, void* context, int32_t priority);
 // True once the thread has returned (a wait of 0 ms).
 bool ThreadHasEnded(SThread* thread);
 void JoinThread(SThread* thread);
+// Waits at most that long; true when the thread has ended (and is joined).
+bool JoinThreadFor(SThread* thread, uint32_t milliseconds);
 // Forced end. Where the system cannot end a thread safely, the thread is
 // abandoned to finish by itself and nobody waits for it.
 void TerminateThread(SThread* thread);

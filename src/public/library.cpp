@@ -7,6 +7,7 @@
 #include "public/client.h"
 #include "public/client_settings.h"
 #include "public/driver_spec.h"
+#include "public/platform_provider.h"
 #include "public/spec_io.h"
 #include "public/status.h"
 #include "public/vectors.h"
@@ -30,6 +31,8 @@ CQuillonImpl::CQuillonImpl(const SLibraryParams* params) {
     }
     driversLoaded_ = 1;
     timerPeriod_ = new CTimerPeriodScope(kTimerPeriodMs);
+    // MME needs no window: it is there whether the host gave one or not.
+    mmeFamily_ = new NSMME::CMMEFamilyScope(*PlatformProvider().waveOut);
   } catch (...) {
     Teardown();
     throw;
@@ -47,6 +50,8 @@ CQuillonImpl::~CQuillonImpl() {
 void CQuillonImpl::Teardown() {
   try {
     gCurrentLibrary = nullptr;
+    delete mmeFamily_;
+    mmeFamily_ = nullptr;
     delete timerPeriod_;
     timerPeriod_ = nullptr;
     driversLoaded_ = 0;

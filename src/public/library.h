@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "driver/registry.h"
+#include "mme/mme_family.h"
 #include "public/boundary_object.h"
 #include "public/timer_period_scope.h"
 #include "quillon/quillon.h"
@@ -51,6 +52,7 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   // Created first and released last: the families register in it.
   NSFerrand::CRegistryRef* registryRef_ = nullptr;
   CTimerPeriodScope* timerPeriod_ = nullptr;
+  NSMME::CMMEFamilyScope* mmeFamily_ = nullptr;
 };
 
 }  // namespace NSQuillon2

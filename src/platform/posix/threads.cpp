@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <time.h>
 
 #include <atomic>
 
@@ -58,6 +59,16 @@ void JoinThread(SThread* thread) {
   if (thread->joined) return;
   pthread_join(thread->handle, nullptr);
   thread->joined = true;
+}
+
+bool JoinThreadFor(SThread* thread, uint32_t milliseconds) {
+  for (uint32_t waited = 0; !ThreadHasEnded(thread); ++waited) {
+    if (waited >= milliseconds) return false;
+    const timespec pause = {0, 1000000L};
+    nanosleep(&pause, nullptr);
+  }
+  JoinThread(thread);
+  return true;
 }
 
 void TerminateThread(SThread* thread) {

@@ -38,6 +38,10 @@ bool ThreadHasEnded(SThread* thread) {
 
 void JoinThread(SThread* thread) { WaitForSingleObject(thread->handle, INFINITE); }
 
+bool JoinThreadFor(SThread* thread, uint32_t milliseconds) {
+  return WaitForSingleObject(thread->handle, milliseconds) == WAIT_OBJECT_0;
+}
+
 void TerminateThread(SThread* thread) { ::TerminateThread(thread->handle, 0); }
 
 void ReleaseThread(SThread* thread) {

@@ -1,0 +1,277 @@
+#include "mme/mme_driver.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "driver/kernels.h"
+#include "failure/builder.h"
+#include "mme/mme_family.h"
+#include "platform/clock.h"
+
+namespace NSMME {
+
+namespace {
+
+constexpr uint32_t kStopWaitMs = 4000;
+
+float* NewChannelBuffer() {
+  void* memory = nullptr;
+  // 16-byte aligned for the conversion kernels.
+  const size_t bytes = kMMEMaxFrames * sizeof(float);
+#if defined(_WIN32)
+  memory = _aligned_malloc(bytes, 16);
+#else
+  if (posix_memalign(&memory, 16, bytes) != 0) memory = nullptr;
+#endif
+  if (memory == nullptr) throw std::bad_alloc();
+  std::memset(memory, 0, bytes);
+  return static_cast<float*>(memory);
+}
+
+void FreeAligned(void* memory) {
+#if defined(_WIN32)
+  _aligned_free(memory);
+#else
+  std::free(memory);
+#endif
+}
+
+}  // namespace
+
+int32_t TargetBlocks(uint32_t bufferFrames) {
+  return (static_cast<int32_t>(bufferFrames) - 1) / static_cast<int32_t>(kMMEBlockFrames) + 1;
+}
+
+COpenMMESoundDriver::COpenMMESoundDriver(const CMMESoundRegisteredSoundDriver& registered,
+                                         NSFerrand::MSoundRenderer* renderer,
+                                         const NSFerrand::CSoundDriverSettings* settings)
+    : registered_(registered), api_(registered.WaveOut()), renderer_(renderer) {
+  try {
+    supportedRates_ = SupportedRates(api_, registered_.Device());
+    if (settings != nullptr) {
+      OpenStream(settings->sampleRate, settings->bufferFrames);
+    } else {
+      uint32_t nearest = supportedRates_.front();
+      for (uint32_t rate : supportedRates_) {
+        const int64_t d = static_cast<int64_t>(rate) - 44100;
+        const int64_t b = static_cast<int64_t>(nearest) - 44100;
+        if ((d < 0 ? -d : d) < (b < 0 ? -b : b)) nearest = rate;
+      }
+      OpenStream(nearest, kMMEDefaultFrames);
+    }
+  } catch (...) {
+    CloseStream();
+    throw;
+  }
+}
+
+COpenMMESoundDriver::~COpenMMESoundDriver() { CloseStream(); }
+
+void COpenMMESoundDriver::OpenStream(uint32_t sampleRate, uint32_t bufferFrames) {
+  settingsChanged_ = true;
+  const int32_t target = TargetBlocks(bufferFrames);
+  const SWaveFormat format = Stereo16Format(sampleRate);
+  ThrowOnWaveResult(api_.Open(&waveOut_, registered_.Device(), format, kWaveAllowSync));
+  headers_ = new SWaveHeader[kMMEHeaderCount];
+  const size_t sampleBytes = static_cast<size_t>(bufferFrames) * 128;
+  samples_ = new int16_t[sampleBytes / 2 + 8];
+  std::memset(samples_, 0, sampleBytes);
+  for (uint32_t i = 0; i < kMMEHeaderCount; ++i) {
+    SWaveHeader& h = headers_[i];
+    // The stride is the buffer size at opening, not the block size.
+    h.data = reinterpret_cast<char*>(samples_) + static_cast<size_t>(i) * bufferFrames * 4;
+    h.bufferLength = kMMEBlockBytes;
+    h.bytesRecorded = 0;
+    h.user = i;
+    h.flags = 0;
+    h.loops = 0;
+    h.next = nullptr;
+    h.reserved = 0;
+    ThrowOnWaveResult(api_.PrepareHeader(waveOut_, &h));
+  }
+  blocksWritten_ = 0;
+  underruns_ = 0;
+  ThrowOnWaveResult(api_.Pause(waveOut_));
+  for (int c = 0; c < 2; ++c) {
+    float* buffer = NewChannelBuffer();
+    try {
+      outputs_.push_back(buffer);
+    } catch (...) {
+      FreeAligned(buffer);
+      throw;
+    }
+  }
+  const uint32_t firstFrames = static_cast<uint32_t>(target) * kMMEBlockFrames;
+  renderer_->Render(firstFrames, inputs_, outputs_, 0, 0, 0, 0);
+  for (int32_t i = 0; i < target; ++i) {
+    WriteBlock(static_cast<uint32_t>(i), headers_[i]);
+  }
+  ThrowOnWaveResult(api_.Restart(waveOut_));
+  stopMutex_ = new NSFerrand::CLockableMutex(true);
+  sampleRate_ = sampleRate;
+  targetBlocks_ = target;
+  bufferFrames_ = bufferFrames;
+  running_ = true;
+  thread_ = new NSFerrand::CTimedThread(this, NSFerrand::kPriorityTimeCritical,
+                                        "COpenMMESoundDriver");
+}
+
+void COpenMMESoundDriver::WriteBlock(uint32_t slice, SWaveHeader& header) {
+  NSFerrand::FloatStereoToInterleaved16(outputs_[0] + slice * kMMEBlockFrames,
+                                        outputs_[1] + slice * kMMEBlockFrames,
+                                        reinterpret_cast<int16_t*>(header.data),
+                                        static_cast<int32_t>(kMMEBlockFrames));
+  ClearHeaderFlag(header, kHeaderDone);
+  ThrowOnWaveResult(api_.Write(waveOut_, &header));
+  ++blocksWritten_;
+}
+
+uint32_t COpenMMESoundDriver::QueueCount() const {
+  uint32_t queued = 0;
+  for (uint32_t i = 0; i < kMMEHeaderCount; ++i) {
+    const uint32_t flags = HeaderFlags(headers_[i]);
+    if ((flags & kHeaderInQueue) != 0 && (flags & kHeaderDone) == 0) ++queued;
+  }
+  return queued;
+}
+
+bool COpenMMESoundDriver::StreamPump() {
+  if (!running_ || failed_) return false;
+  bool wrote = false;
+  try {
+    uint32_t queued = QueueCount();
+    int32_t passTotal = 0;
+    for (;;) {
+      const int32_t target = targetBlocks_.load();
+      if (static_cast<int32_t>(queued) >= target || passTotal >= 2 * target) return wrote;
+      const int32_t need = target - static_cast<int32_t>(queued);
+      renderer_->Render(static_cast<uint32_t>(need) * kMMEBlockFrames, inputs_, outputs_, 0, 0,
+                        0, 0);
+      passTotal += need;
+      for (int32_t i = 0; i < need; ++i) {
+        SWaveHeader& header = headers_[blocksWritten_.load() & (kMMEHeaderCount - 1)];
+        if (queued == 0) ++underruns_;
+        WriteBlock(static_cast<uint32_t>(i), header);
+        wrote = true;
+      }
+      queued = QueueCount();
+    }
+  } catch (...) {
+    // The device plays out what it has; nothing more is sent.
+    failed_ = true;
+    return wrote;
+  }
+}
+
+void COpenMMESoundDriver::Run() {
+  for (;;) {
+    try {
+      StreamPump();
+    } catch (...) {
+    }
+    // The opener's release of the stop mutex is the signal to end.
+    if (stopMutex_->Wait(1)) {
+      stopMutex_->Unlock();
+      return;
+    }
+  }
+}
+
+void COpenMMESoundDriver::CloseStream() {
+  if (waveOut_ == nullptr) return;
+  if (stopMutex_ != nullptr) {
+    try {
+      stopMutex_->Unlock();
+    } catch (...) {
+    }
+  }
+  if (thread_ != nullptr) {
+    if (!thread_->JoinFor(kStopWaitMs)) thread_->Terminate();
+    delete thread_;
+    thread_ = nullptr;
+  }
+  delete stopMutex_;
+  stopMutex_ = nullptr;
+  api_.Reset(waveOut_);
+  running_ = false;
+  // Headers must not be unprepared while the device still holds one.
+  if (headers_ != nullptr) {
+    for (;;) {
+      bool drained = true;
+      for (uint32_t i = 0; i < kMMEHeaderCount; ++i) {
+        const uint32_t flags = HeaderFlags(headers_[i]);
+        if ((flags & kHeaderInQueue) != 0 && (flags & kHeaderDone) == 0) drained = false;
+      }
+      NSPlatform::SleepMilliseconds(20);
+      if (drained) break;
+    }
+    for (uint32_t i = 0; i < kMMEHeaderCount; ++i) {
+      api_.UnprepareHeader(waveOut_, &headers_[i]);
+      headers_[i].data = nullptr;
+    }
+    delete[] headers_;
+    headers_ = nullptr;
+  }
+  delete[] samples_;
+  samples_ = nullptr;
+  api_.Close(waveOut_);
+  waveOut_ = nullptr;
+  for (float* buffer : outputs_) FreeAligned(buffer);
+  for (float* buffer : inputs_) FreeAligned(buffer);
+  outputs_.clear();
+  inputs_.clear();
+}
+
+NSFerrand::CSoundDriverSettings& COpenMMESoundDriver::GetSettings(
+    NSFerrand::CSoundDriverSettings& settings) {
+  settings = NSFerrand::CSoundDriverSettings();
+  settings.sampleRate = sampleRate_;
+  settings.bufferFrames = bufferFrames_.load();
+  settings.outputPairs.Resize(1);
+  settings.outputPairs.Set(0, true);
+  return settings;
+}
+
+void COpenMMESoundDriver::ApplySettings(const NSFerrand::CSoundDriverSettings& settings) {
+  settingsChanged_ = true;
+  if (settings.sampleRate == sampleRate_) {
+    // The stream goes on without a gap; the pump moves to the new target.
+    targetBlocks_ = TargetBlocks(settings.bufferFrames);
+    bufferFrames_ = settings.bufferFrames;
+    return;
+  }
+  CloseStream();
+  OpenStream(settings.sampleRate, settings.bufferFrames);
+}
+
+bool COpenMMESoundDriver::TakeSettingsChanged() {
+  const bool changed = settingsChanged_;
+  settingsChanged_ = false;
+  return changed;
+}
+
+NSFerrand::COpenSoundDriverInfo& COpenMMESoundDriver::GetDriverInfo(
+    NSFerrand::COpenSoundDriverInfo& info) {
+  info.sampleRates = supportedRates_;
+  info.inputNames.clear();
+  info.outputNames = {u"Left", u"Right"};
+  info.bufferSizes.clear();
+  for (uint32_t frames = 1024; frames <= kMMEMaxFrames; frames += kMMEBlockFrames) {
+    info.bufferSizes.push_back(frames);
+  }
+  info.clockSourceNames = {u"Internal"};
+  return info;
+}
+
+int64_t COpenMMESoundDriver::GetOutputLatency() {
+  NSFerrand::CSoundDriverSettings settings;
+  GetSettings(settings);
+  return NSFerrand::LatencyMicroseconds(settings.bufferFrames, settings.sampleRate);
+}
+
+void COpenMMESoundDriver::CheckAlive() {
+  if (failed_) NSMarlet::RaiseFailure(NSMarlet::XNotReady(), NSMarlet::TargetWordAudioDriver());
+}
+
+}  // namespace NSMME

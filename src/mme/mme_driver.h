@@ -1,0 +1,92 @@
+// An open MME driver: plays what the renderer gives through a ring of 32
+// prepared wave headers of 512 frames, kept filled by a time-critical thread
+// that polls the header flags every millisecond.
+#ifndef QUILLON_MME_MME_DRIVER_H
+#define QUILLON_MME_MME_DRIVER_H
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include "driver/driver_contract.h"
+#include "driver/threading.h"
+#include "mme/wave_out.h"
+
+namespace NSMME {
+
+class CMMESoundRegisteredSoundDriver;
+
+constexpr uint32_t kMMEBlockFrames = 512;
+constexpr uint32_t kMMEHeaderCount = 32;
+constexpr uint32_t kMMEBlockBytes = kMMEBlockFrames * 4;
+constexpr uint32_t kMMEMaxFrames = kMMEBlockFrames * kMMEHeaderCount;
+constexpr uint32_t kMMEDefaultFrames = 8192;
+
+// Blocks the pump keeps queued for a buffer size: whole blocks, rounded up.
+int32_t TargetBlocks(uint32_t bufferFrames);
+
+class COpenMMESoundDriver final : public NSFerrand::CABCOpenSoundDriver,
+                                  private NSFerrand::IThreadFunction {
+ public:
+  // `settings` null: the rate nearest 44100 and 8192 frames.
+  COpenMMESoundDriver(const CMMESoundRegisteredSoundDriver& registered,
+                      NSFerrand::MSoundRenderer* renderer,
+                      const NSFerrand::CSoundDriverSettings* settings);
+  ~COpenMMESoundDriver() override;
+  COpenMMESoundDriver(const COpenMMESoundDriver&) = delete;
+  COpenMMESoundDriver& operator=(const COpenMMESoundDriver&) = delete;
+
+  NSFerrand::CSoundDriverSettings& GetSettings(NSFerrand::CSoundDriverSettings& settings) override;
+  void ApplySettings(const NSFerrand::CSoundDriverSettings& settings) override;
+  bool TakeSettingsChanged() override;
+  NSFerrand::COpenSoundDriverInfo& GetDriverInfo(NSFerrand::COpenSoundDriverInfo& info) override;
+  int64_t GetInputLatency() override { return 0; }
+  int64_t GetOutputLatency() override;
+  bool CanMonitorInputs() override { return false; }
+  void GetInputMonitor(uint32_t, NSFerrand::CInputMonitorSetting&) override {}
+  void SetInputMonitor(uint32_t, const NSFerrand::CInputMonitorSetting&) override {}
+  bool HasControlPanel() override { return false; }
+  bool HasHardwareDevice() override { return false; }
+  NSFerrand::CHardwareDevice* GetHardwareDevice() override { return nullptr; }
+  bool ShowControlPanel() override { return true; }
+  void CheckAlive() override;
+
+  // For tests of the family: raised each block written into an empty queue.
+  uint32_t UnderrunCount() const { return underruns_.load(); }
+  uint32_t BlocksWritten() const { return blocksWritten_.load(); }
+  int32_t TargetBlockCount() const { return targetBlocks_.load(); }
+  bool StreamOpen() const { return waveOut_ != nullptr; }
+  // One pass of the pump; true when it wrote something.
+  bool StreamPump();
+
+ private:
+  void Run() override;
+  void OpenStream(uint32_t sampleRate, uint32_t bufferFrames);
+  void CloseStream();
+  void WriteBlock(uint32_t slice, SWaveHeader& header);
+  uint32_t QueueCount() const;
+
+  const CMMESoundRegisteredSoundDriver& registered_;
+  IWaveOut& api_;
+  NSFerrand::MSoundRenderer* renderer_;
+  std::vector<uint32_t> supportedRates_;
+  uint32_t sampleRate_ = 0;
+  std::atomic<uint32_t> bufferFrames_{0};
+  bool settingsChanged_ = false;
+  NSFerrand::CTimedThread* thread_ = nullptr;
+  NSFerrand::CLockableMutex* stopMutex_ = nullptr;
+  std::atomic<bool> failed_{false};
+  WaveOutHandle waveOut_ = nullptr;
+  SWaveHeader* headers_ = nullptr;
+  std::atomic<int32_t> targetBlocks_{0};
+  std::atomic<uint32_t> blocksWritten_{0};
+  std::atomic<uint32_t> underruns_{0};
+  int16_t* samples_ = nullptr;
+  NSFerrand::CChannelPointers inputs_;
+  NSFerrand::CChannelPointers outputs_;
+  std::atomic<bool> running_{false};
+};
+
+}  // namespace NSMME
+
+#endif

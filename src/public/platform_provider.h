@@ -1,0 +1,21 @@
+// Where the library object finds the families' platform operations. The
+// system's own serve unless a test put others in place before
+// Quillon_Create; the shipping library exports nothing to change them.
+#ifndef QUILLON_PUBLIC_PLATFORM_PROVIDER_H
+#define QUILLON_PUBLIC_PLATFORM_PROVIDER_H
+
+#include "mme/wave_out.h"
+
+namespace NSQuillon2 {
+
+struct SPlatformProvider {
+  NSMME::IWaveOut* waveOut;
+};
+
+// Null puts the system's operations back.
+void SetPlatformProvider(const SPlatformProvider* provider);
+SPlatformProvider PlatformProvider();
+
+}  // namespace NSQuillon2
+
+#endif
