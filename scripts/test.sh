@@ -18,11 +18,11 @@ echo "== native tests under the sanitizers"
 (cd build/asan && ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=1 \
   UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure --timeout 600 -j"$(nproc)")
 
-echo "== native thread-sanitizer build of the driver core and the handle"
+echo "== native thread-sanitizer build of the driver core, the handle and MME"
 bash scripts/build.sh tsan -DQUILLON_SANITIZE=thread -DQUILLON_BUILD_BENCH=OFF \
-  --target quillon_driver_tests quillon_handle_tests
-echo "== driver core and handle tests under the thread sanitizer"
-for program in quillon_driver_tests quillon_handle_tests; do
+  --target quillon_driver_tests quillon_handle_tests quillon_mme_tests
+echo "== driver core, handle and MME tests under the thread sanitizer"
+for program in quillon_driver_tests quillon_handle_tests quillon_mme_tests; do
   TSAN_OPTIONS=halt_on_error=1 timeout 1200 build/tsan/bin/$program --gtest_brief=1
 done
 
