@@ -9,6 +9,7 @@ packages=(
   libboost-dev libicu-dev locales
   g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
   wine64
+  jackd2 libasound2-plugins
 )
 
 missing=()

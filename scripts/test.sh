@@ -31,5 +31,7 @@ bash scripts/build.sh windows
 echo "== windows tests under Wine"
 # shellcheck source=wine-prefix.sh
 source scripts/wine-prefix.sh
-trap quillon_wine_stop EXIT
+# shellcheck source=wine-audio.sh
+source scripts/wine-audio.sh
+trap 'quillon_wine_stop; quillon_audio_stop' EXIT
 (cd build/windows && ctest --output-on-failure --timeout 900)

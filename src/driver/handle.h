@@ -45,6 +45,8 @@ class COpenSoundDriverHandle {
   EHandleState State() const { return static_cast<EHandleState>(state_); }
   uint32_t SuspendCount() const { return suspendCount_; }
   bool HasSilentThread() const { return silentThread_ != nullptr; }
+  // The open driver, or null: for diagnostics and tests of the families.
+  const CABCOpenSoundDriver* OpenDriver() const { return driver_; }
 
   void GetRegisteredDriver(CRegisteredDriverPtr& registered) const { registered = registered_; }
   void ReadDriverSettings(CSoundDriverSettings& settings);

@@ -73,7 +73,9 @@ void COpenMMESoundDriver::OpenStream(uint32_t sampleRate, uint32_t bufferFrames)
   const int32_t target = TargetBlocks(bufferFrames);
   const SWaveFormat format = Stereo16Format(sampleRate);
   ThrowOnWaveResult(api_.Open(&waveOut_, registered_.Device(), format, kWaveAllowSync));
-  headers_ = new SWaveHeader[kMMEHeaderCount];
+  // Zeroed: a failure halfway through preparing leaves the rest for the
+  // closing to read, and stale flags there would hold it in its drain loop.
+  headers_ = new SWaveHeader[kMMEHeaderCount]();
   const size_t sampleBytes = static_cast<size_t>(bufferFrames) * 128;
   samples_ = new int16_t[sampleBytes / 2 + 8];
   std::memset(samples_, 0, sampleBytes);

@@ -173,7 +173,8 @@ TEST_F(HostTest, OperationsSitInTheSlotsTheHostExpects) {
   void** listTable = VTable(specs);
   using GetSizeFn = int64_t (*)(void*);
   using IsValidListFn = uint32_t (*)(void*);
-  EXPECT_EQ(reinterpret_cast<GetSizeFn>(listTable[kFirstOperation + 0])(specs), 1);
+  // "No Sound", and the system's wave-out devices, if it has any.
+  EXPECT_GE(reinterpret_cast<GetSizeFn>(listTable[kFirstOperation + 0])(specs), 1);
   EXPECT_EQ(reinterpret_cast<IsValidListFn>(listTable[kFirstOperation + 2])(specs), 1u);
 #if defined(_WIN32)
   using ListDestructorFn = void* (*)(void*, unsigned int);

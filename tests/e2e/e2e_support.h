@@ -17,6 +17,8 @@
 #include "driver/registry.h"
 #include "driver/wait.h"
 #include "fakes/fake_driver.h"
+#include "fakes/fake_wave_out.h"
+#include "public/platform_provider.h"
 #include "quillon/quillon.h"
 
 using namespace NSQuillon2;
@@ -98,6 +100,8 @@ class LibraryFixture : public ::testing::Test {
     other = new Fakes::CFakeRegisteredDriver(otherControl, u"fake-key-2", u"DX", u"Fake Two");
     ASSERT_TRUE(NSFerrand::AddRegisteredDriver(fake));
     ASSERT_TRUE(NSFerrand::AddRegisteredDriver(other));
+    // No system devices: the list is the null driver and the fakes alone.
+    SetPlatformProvider(&provider);
     uint32_t status = 0;
     library = Quillon_Create("IQuillon2", nullptr, &status);
     ASSERT_NE(library, nullptr);
@@ -108,6 +112,7 @@ class LibraryFixture : public ::testing::Test {
   void TearDown() override {
     QuillonDestroy(specs);
     QuillonDestroy(library);
+    SetPlatformProvider(nullptr);
     registryHold.reset();
   }
   const IDriverSpec* Spec(int index) const { return specs->GetData()[index]; }
@@ -118,6 +123,8 @@ class LibraryFixture : public ::testing::Test {
     return library->CreateClient(&host, nullptr, spec, running, status);
   }
 
+  Fakes::CFakeWaveOut noWaveOut;
+  SPlatformProvider provider{&noWaveOut};
   std::unique_ptr<NSFerrand::CRegistryRef> registryHold;
   std::shared_ptr<Fakes::CFakeDriverControl> control;
   std::shared_ptr<Fakes::CFakeDriverControl> otherControl;

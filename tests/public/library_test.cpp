@@ -5,6 +5,8 @@
 #endif
 
 #include "driver/clock.h"
+#include "fakes/fake_wave_out.h"
+#include "public/platform_provider.h"
 #include "driver/registry.h"
 #include "failure/body.h"
 #include "public/boundary_object.h"
@@ -139,8 +141,12 @@ TEST_F(LibraryTest, TwoLibraryObjectsShareOneStorageUntilTheLastIsGone) {
   QuillonDestroy(second);
 }
 
-TEST_F(LibraryTest, ListsTheNullDriverAlone) {
+TEST_F(LibraryTest, ListsTheNullDriverAloneWithoutDevices) {
+  Fakes::CFakeWaveOut noDevices;
+  const SPlatformProvider provider{&noDevices};
+  SetPlatformProvider(&provider);
   IQuillon* library = Create(nullptr, nullptr);
+  SetPlatformProvider(nullptr);
   ASSERT_NE(library, nullptr);
   uint32_t status = 0;
   IVector<const IDriverSpec*>* specs = library->GetDriverSpecs(&status);
@@ -149,6 +155,28 @@ TEST_F(LibraryTest, ListsTheNullDriverAlone) {
   EXPECT_EQ(specs->GetSize(), 1);
   QuillonDestroy(specs);
   QuillonDestroy(library);
+}
+
+TEST_F(LibraryTest, TheMMEFamilyComesWithOrWithoutAWindow) {
+  Fakes::CFakeWaveOut fake;
+  fake.devices.push_back(Fakes::StereoDevice(u"Speakers", {44100}));
+  const SPlatformProvider provider{&fake};
+  SetPlatformProvider(&provider);
+  SLibraryParams withWindow = {UsableWindow(), 0};
+  for (const SLibraryParams* params : {static_cast<const SLibraryParams*>(nullptr),
+                                       static_cast<const SLibraryParams*>(&withWindow)}) {
+    IQuillon* library = Create(params, nullptr);
+    ASSERT_NE(library, nullptr);
+    uint32_t status = 0;
+    IVector<const IDriverSpec*>* specs = library->GetDriverSpecs(&status);
+    ASSERT_EQ(specs->GetSize(), 2);
+    SDriverSpecKey key;
+    specs->GetData()[1]->GetKeyRecord(&key);
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(key.family)), u"MME");
+    QuillonDestroy(specs);
+    QuillonDestroy(library);
+  }
+  SetPlatformProvider(nullptr);
 }
 
 TEST_F(LibraryTest, QuillonNewAndDeleteCount) {
