@@ -116,18 +116,20 @@ bool COpenSoundDriverHandle::Guarded(Call call) {
 
 void COpenSoundDriverHandle::EnterSilentMode() {
   changed_ = true;
+  GoSilent(kDriverLost);
+}
+
+void COpenSoundDriverHandle::GoSilent(EHandleState state) {
+  // The driver's thread stops before the silent one starts: the two sources
+  // of Render never meet.
   delete driver_;
   driver_ = nullptr;
   silentLastTick_ = GetTickCount32();
-  StartSilentThread();
-  state_ = kDriverLost;
-  ReleaseSilentMutex();
-}
-
-void COpenSoundDriverHandle::StartSilentThread() {
   CPeriodicCallbackThread* former = silentThread_;
   silentThread_ = new CPeriodicCallbackThread(kSilentTickMs, &SilentTick, this);
   delete former;
+  state_ = state;
+  ReleaseSilentMutex();
 }
 
 bool COpenSoundDriverHandle::TakeSilentMutexFor(uint32_t milliseconds) {
@@ -252,16 +254,8 @@ void COpenSoundDriverHandle::PollDriver() {
 
 void COpenSoundDriverHandle::SuspendDriver() {
   if (state_ == kDriverOpen) {
-    driver_->GetSettings(settings_);
-    inputLatency_ = driver_->GetInputLatency();
-    outputLatency_ = driver_->GetOutputLatency();
-    driver_->GetDriverInfo(info_);
-    delete driver_;
-    driver_ = nullptr;
-    silentLastTick_ = GetTickCount32();
-    StartSilentThread();
-    state_ = kDriverSuspended;
-    ReleaseSilentMutex();
+    Refresh();  // not guarded: a failure here is the caller's
+    GoSilent(kDriverSuspended);
   }
   ++suspendCount_;
 }

@@ -87,7 +87,8 @@ class COpenSoundDriverHandle {
   // Runs a driver call; a failure sends the handle silent. False then.
   template <class Call>
   bool Guarded(Call call);
-  void StartSilentThread();
+  // Closes the driver and pays silence from now on, in that state.
+  void GoSilent(EHandleState state);
   // Wins the silent mutex back within the time; true when the control
   // thread holds it afterwards.
   bool TakeSilentMutexFor(uint32_t milliseconds);
