@@ -72,6 +72,20 @@ class WaveOutTest : public ::testing::Test {
         static_cast<CQuillonClient*>(client)->Handle().OpenDriver());
     return driver != nullptr ? driver->UnderrunCount() : 0xFFFFFFFFu;
   }
+  // A client on the device with those settings, null unless it runs.
+  IClient* OpenRunning(const SClientSettings& flat) {
+    uint32_t running = 0;
+    uint32_t status = 0;
+    IClient* client =
+        library->CreateClientWithSettings(&host, nullptr, mme, &flat, &running, &status);
+    EXPECT_EQ(status, kStatusOk);
+    EXPECT_EQ(running, 1u);
+    if (client != nullptr && running != 1) {
+      QuillonDestroy(client);
+      return nullptr;
+    }
+    return client;
+  }
   // Plays for that long with Idle every 20 ms, as a host does.
   void Play(IClient* client, double seconds) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -122,13 +136,8 @@ TEST_F(WaveOutTest, TenSecondsAt1024FramesWithoutUnderrunOrLoss) {
   // 512-frame headers keep its device only about three-quarters fed: the
   // pace is measured at 2048 frames below. Here the driver's own side must
   // be clean: the queue never found empty, the driver never lost.
-  SClientSettings flat = Stereo(44100, 1024);
-  uint32_t running = 0;
-  uint32_t status = 0;
-  IClient* client =
-      library->CreateClientWithSettings(&host, nullptr, mme, &flat, &running, &status);
+  IClient* client = OpenRunning(Stereo(44100, 1024));
   ASSERT_NE(client, nullptr);
-  ASSERT_EQ(running, 1u);
   Play(client, 10.0);
   EXPECT_GT(host.frameCount.load(), 44100u * 10 / 2);
   EXPECT_EQ(Underruns(client), 0u);
@@ -139,11 +148,8 @@ TEST_F(WaveOutTest, TenSecondsAt1024FramesWithoutUnderrunOrLoss) {
 TEST_F(WaveOutTest, RealTimePaceAndSettingsThatKeepOrReopenTheStream) {
   SClientSettings flat = Stereo(44100, 2048);
   uint32_t running = 0;
-  uint32_t status = 0;
-  IClient* client =
-      library->CreateClientWithSettings(&host, nullptr, mme, &flat, &running, &status);
+  IClient* client = OpenRunning(flat);
   ASSERT_NE(client, nullptr);
-  ASSERT_EQ(running, 1u);
   Play(client, 1.0);
   host.Reset();  // past the priming of the queue
   Play(client, 10.0);
