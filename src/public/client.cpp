@@ -154,47 +154,37 @@ IDriverSpec* CQuillonClient::GetDriverSpec(uint32_t* status) {
   });
 }
 
-IVector<QuillonULong>* CQuillonClient::GetSampleRates(uint32_t* status) {
-  return GuardedResult<IVector<QuillonULong>>(status, [&]() -> IVector<QuillonULong>* {
+template <class Interface, class Vector, class Values>
+Interface* CQuillonClient::InfoList(uint32_t* status,
+                                    Values NSFerrand::COpenSoundDriverInfo::*field) {
+  return GuardedResult<Interface>(status, [&]() -> Interface* {
     NSFerrand::COpenSoundDriverInfo info;
     handle_->ReadDriverInfo(info);
-    return new CVector(info.sampleRates);
+    return new Vector(info.*field);
   });
+}
+
+IVector<QuillonULong>* CQuillonClient::GetSampleRates(uint32_t* status) {
+  return InfoList<IVector<QuillonULong>, CVector>(status, &NSFerrand::COpenSoundDriverInfo::sampleRates);
 }
 
 IVector<const unsigned short*>* CQuillonClient::GetInputNames(uint32_t* status) {
-  return GuardedResult<IVector<const unsigned short*>>(
-      status, [&]() -> IVector<const unsigned short*>* {
-        NSFerrand::COpenSoundDriverInfo info;
-        handle_->ReadDriverInfo(info);
-        return new CStringVector(info.inputNames);
-      });
+  return InfoList<IVector<const unsigned short*>, CStringVector>(
+      status, &NSFerrand::COpenSoundDriverInfo::inputNames);
 }
 
 IVector<const unsigned short*>* CQuillonClient::GetOutputNames(uint32_t* status) {
-  return GuardedResult<IVector<const unsigned short*>>(
-      status, [&]() -> IVector<const unsigned short*>* {
-        NSFerrand::COpenSoundDriverInfo info;
-        handle_->ReadDriverInfo(info);
-        return new CStringVector(info.outputNames);
-      });
+  return InfoList<IVector<const unsigned short*>, CStringVector>(
+      status, &NSFerrand::COpenSoundDriverInfo::outputNames);
 }
 
 IVector<QuillonULong>* CQuillonClient::GetBufferSizes(uint32_t* status) {
-  return GuardedResult<IVector<QuillonULong>>(status, [&]() -> IVector<QuillonULong>* {
-    NSFerrand::COpenSoundDriverInfo info;
-    handle_->ReadDriverInfo(info);
-    return new CVector(info.bufferSizes);
-  });
+  return InfoList<IVector<QuillonULong>, CVector>(status, &NSFerrand::COpenSoundDriverInfo::bufferSizes);
 }
 
 IVector<const unsigned short*>* CQuillonClient::GetClockSourceNames(uint32_t* status) {
-  return GuardedResult<IVector<const unsigned short*>>(
-      status, [&]() -> IVector<const unsigned short*>* {
-        NSFerrand::COpenSoundDriverInfo info;
-        handle_->ReadDriverInfo(info);
-        return new CStringVector(info.clockSourceNames);
-      });
+  return InfoList<IVector<const unsigned short*>, CStringVector>(
+      status, &NSFerrand::COpenSoundDriverInfo::clockSourceNames);
 }
 
 uint32_t CQuillonClient::ApplyClientSettings(const SClientSettings* settings, uint32_t* running) {
@@ -249,27 +239,31 @@ uint32_t CQuillonClient::HasHardwareDevice(uint8_t* has) {
 // Every hardware operation needs the device of the driver in use first; the
 // hardware glue that answers them joins the library later, so for now each
 // ends at that check.
+void CQuillonClient::RequireDevice() {
+  if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+}
+
 uint32_t CQuillonClient::GetGainSafePaddedChannel(uint32_t, int32_t*) {
   return Unguarded([&] {
-    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+    RequireDevice();
   });
 }
 
 uint32_t CQuillonClient::GetGainSafePaddingDb(uint32_t, float*) {
   return Unguarded([&] {
-    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+    RequireDevice();
   });
 }
 
 uint32_t CQuillonClient::SetGainSafeRoutingEnable(uint32_t, uint32_t) {
   return Unguarded([&] {
-    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+    RequireDevice();
   });
 }
 
 uint32_t CQuillonClient::SetGainSafeIndicator(uint32_t selector) {
   return Unguarded([&] {
-    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+    RequireDevice();
     if (selector < kGainSafeIndicatorState0 || selector > kGainSafeIndicatorState2) {
       RaiseInvalidArgument();
     }
@@ -278,13 +272,13 @@ uint32_t CQuillonClient::SetGainSafeIndicator(uint32_t selector) {
 
 uint32_t CQuillonClient::SetChannelActiveIndicator(uint32_t, uint32_t) {
   return Unguarded([&] {
-    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+    RequireDevice();
   });
 }
 
 uint32_t CQuillonClient::ClearDirectMonitoring() {
   return Unguarded([&] {
-    if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+    RequireDevice();
   });
 }
 

@@ -70,6 +70,11 @@ class CQuillonClient final : public TBoundaryObject<CQuillonClient, IClient>,
   uint32_t Guarded(Work work);
   template <class Result, class Work>
   Result* GuardedResult(uint32_t* status, Work work);
+  // A new list of one field of the driver's description.
+  template <class Interface, class Vector, class Values>
+  Interface* InfoList(uint32_t* status, Values NSFerrand::COpenSoundDriverInfo::*field);
+  // The hardware operations start here: no device, no operation.
+  void RequireDevice();
   // A failure scope and status, without the guard.
   template <class Work>
   uint32_t Unguarded(Work work);
