@@ -1,37 +1,76 @@
 #!/usr/bin/env bash
 # Sets everything up, builds both platforms and runs every test: natively,
-# then the Windows build under Wine.
-set -euo pipefail
+# under the sanitizers, then the Windows build under Wine. Every stage runs
+# even when an earlier one failed; a summary closes the run, and the exit
+# status is non-zero when any stage failed.
+set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
-bash scripts/setup.sh
+names=()
+results=()
+failed=0
 
-echo "== native build"
-bash scripts/build.sh native
-echo "== native tests"
-(cd build/native && ctest --output-on-failure --timeout 300 -j"$(nproc)")
+# stage NAME COMMAND...: runs one stage and records how it ended.
+stage() {
+  local name=$1
+  shift
+  echo "== $name"
+  local started=$SECONDS
+  if "$@"; then
+    results+=("passed  $(printf '%5d' $((SECONDS - started))) s  $name")
+  else
+    results+=("FAILED  $(printf '%5d' $((SECONDS - started))) s  $name")
+    failed=$((failed + 1))
+  fi
+  names+=("$name")
+}
 
-echo "== native build with address and undefined-behaviour sanitizers"
-bash scripts/build.sh asan -DQUILLON_SANITIZE=address,undefined -DQUILLON_BUILD_BENCH=OFF
-echo "== native tests under the sanitizers"
-(cd build/asan && ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=1 \
-  UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure --timeout 600 -j"$(nproc)")
+summary() {
+  echo
+  echo "== summary"
+  printf '%s\n' "${results[@]}"
+  echo "$(( ${#names[@]} - failed )) passed, $failed failed"
+}
 
-echo "== native thread-sanitizer build of the driver core, the handle and MME"
-bash scripts/build.sh tsan -DQUILLON_SANITIZE=thread -DQUILLON_BUILD_BENCH=OFF \
-  --target quillon_driver_tests quillon_handle_tests quillon_mme_tests
-echo "== driver core, handle and MME tests under the thread sanitizer"
-for program in quillon_driver_tests quillon_handle_tests quillon_mme_tests; do
-  TSAN_OPTIONS=halt_on_error=1 timeout 1200 build/tsan/bin/$program --gtest_brief=1
-done
+if ! bash scripts/setup.sh; then
+  echo "test: setting up the machine failed; nothing can be built"
+  exit 1
+fi
 
-echo "== windows build"
-bash scripts/build.sh windows
-echo "== windows tests under Wine"
-# shellcheck source=wine-prefix.sh
-source scripts/wine-prefix.sh
-# shellcheck source=wine-audio.sh
-source scripts/wine-audio.sh
-trap 'quillon_wine_stop; quillon_audio_stop' EXIT
-(cd build/windows && ctest --output-on-failure --timeout 900)
+# Programs that start threads, run once more under the thread sanitizer.
+threaded=(quillon_failure_tests quillon_public_tests quillon_driver_tests
+  quillon_handle_tests quillon_mme_tests quillon_e2e_tests quillon_abi_tests)
+
+native_tests() { (cd build/native && ctest --output-on-failure --timeout 300 -j"$(nproc)"); }
+asan_tests() {
+  (cd build/asan && ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=1 \
+    UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure --timeout 600 -j"$(nproc)")
+}
+tsan_build() {
+  bash scripts/build.sh tsan -DQUILLON_SANITIZE=thread -DQUILLON_BUILD_BENCH=OFF \
+    --target "${threaded[@]}"
+}
+tsan_tests() {
+  local program rc=0
+  for program in "${threaded[@]}"; do
+    echo "-- $program"
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+      timeout 1200 "build/tsan/bin/$program" --gtest_brief=1 || rc=1
+  done
+  return $rc
+}
+wine_tests() { bash scripts/wine-session.sh bash -c 'cd build/windows && ctest --output-on-failure --timeout 900'; }
+
+stage "native build" bash scripts/build.sh native
+stage "native tests" native_tests
+stage "native build with address and undefined-behaviour sanitizers" \
+  bash scripts/build.sh asan -DQUILLON_SANITIZE=address,undefined -DQUILLON_BUILD_BENCH=OFF
+stage "native tests under the address and undefined-behaviour sanitizers" asan_tests
+stage "native build of the threaded test programs with the thread sanitizer" tsan_build
+stage "threaded test programs under the thread sanitizer" tsan_tests
+stage "windows build" bash scripts/build.sh windows
+stage "windows tests under Wine" wine_tests
+
+summary
+[ "$failed" -eq 0 ]

@@ -41,6 +41,8 @@ uint32_t TimerStartPeriod() { return gFinestTimer.period; }
 
 uint32_t GetTickCount32() { return NSPlatform::MillisecondTicks(); }
 
+uint32_t GetCoarseTickCount32() { return NSPlatform::CoarseMillisecondTicks(); }
+
 int64_t TicksToMicroseconds(int64_t ticks) {
   return static_cast<int64_t>(static_cast<double>(ticks) * 1000.0);
 }

@@ -15,6 +15,9 @@ uint32_t TimerStartPeriod();
 
 // Milliseconds since an arbitrary start, wrapping at 2^32.
 uint32_t GetTickCount32();
+// The same clock at a few nanoseconds a read, for stamps on the audio path:
+// it may lag by a scheduler tick, which no comparison of seconds notices.
+uint32_t GetCoarseTickCount32();
 
 int64_t TicksToMicroseconds(int64_t ticks);
 uint64_t MillisecondsToSixtieths(uint64_t milliseconds);

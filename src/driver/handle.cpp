@@ -63,24 +63,16 @@ void COpenSoundDriverHandle::Construct(const CSoundDriverSettings* settings,
 COpenSoundDriverHandle::~COpenSoundDriverHandle() {
   try {
     NSMarlet::COptionalFailureScope scope;
-    if (state_ == kDriverLost) {
-      TakeSilentMutexFor(kLockTimeoutMs);
-      state_ = kNoDriver;
-      delete silentThread_;
-      silentThread_ = nullptr;
-    }
+    WinSilenceBack(kLockTimeoutMs);
   } catch (...) {
   }
+  // Whatever the mutex did, the thread goes before the mutex it tries.
+  EndSilentThread();
   delete driver_;
   driver_ = nullptr;
   registered_.reset();
-  if (state_ != kDriverLost && state_ != kDriverSuspended) {
-    state_ = kNoDriver;
-    ReleaseSilentMutex();
-  }
-  // A thread still paying (suspended) goes before the mutex it tries.
-  delete silentThread_;
-  silentThread_ = nullptr;
+  state_ = kNoDriver;
+  ReleaseSilentMutex();
 }
 
 void COpenSoundDriverHandle::OpenAndRefresh(const CSoundDriverSettings* settings,
@@ -120,14 +112,17 @@ void COpenSoundDriverHandle::EnterSilentMode() {
 }
 
 void COpenSoundDriverHandle::GoSilent(EHandleState state) {
+  // A silent thread already paying ends before its fields are touched again.
+  if (silentThread_ != nullptr) {
+    WinSilenceBack(kLockTimeoutMs);
+    EndSilentThread();
+  }
   // The driver's thread stops before the silent one starts: the two sources
   // of Render never meet.
   delete driver_;
   driver_ = nullptr;
   silentLastTick_ = GetTickCount32();
-  CPeriodicCallbackThread* former = silentThread_;
   silentThread_ = new CPeriodicCallbackThread(kSilentTickMs, &SilentTick, this);
-  delete former;
   state_ = state;
   ReleaseSilentMutex();
 }
@@ -136,6 +131,25 @@ bool COpenSoundDriverHandle::TakeSilentMutexFor(uint32_t milliseconds) {
   if (silentMutexHeld_) return true;
   silentMutexHeld_ = silentMutex_.TimedLock(milliseconds);
   return silentMutexHeld_;
+}
+
+bool COpenSoundDriverHandle::WinSilenceBack(uint32_t milliseconds) {
+  if (silentThread_ == nullptr) return TakeSilentMutexFor(milliseconds);
+  // A pay-out in progress stops after the block it is in, so the mutex is
+  // free within one Render.
+  silentStopRequested_.store(true, std::memory_order_relaxed);
+  const bool held = TakeSilentMutexFor(milliseconds);
+  if (held) EndSilentThread();
+  silentStopRequested_.store(false, std::memory_order_relaxed);
+  return held;
+}
+
+void COpenSoundDriverHandle::EndSilentThread() {
+  if (silentThread_ == nullptr) return;
+  silentStopRequested_.store(true, std::memory_order_relaxed);
+  delete silentThread_;
+  silentThread_ = nullptr;
+  silentStopRequested_.store(false, std::memory_order_relaxed);
 }
 
 void COpenSoundDriverHandle::ReleaseSilentMutex() {
@@ -148,18 +162,24 @@ void COpenSoundDriverHandle::SilentTick(CPeriodicCallbackThread* thread) {
   auto* self = static_cast<COpenSoundDriverHandle*>(thread->UserData());
   CTryScopedLock lock(&self->silentMutex_);
   if (!lock.Locked()) return;
-  PaySilence(self->silentLastTick_, GetTickCount32(), self->renderer_);
+  PaySilence(self->silentLastTick_, GetTickCount32(), self->renderer_,
+             &self->silentStopRequested_);
 }
 
 uint32_t COpenSoundDriverHandle::PaySilence(uint64_t& lastTick, uint64_t now,
-                                            MSoundRenderer* renderer) {
+                                            MSoundRenderer* renderer,
+                                            const std::atomic<bool>* stop) {
   // The clock is 32 bits wide: the difference is taken as it wraps.
   const uint32_t ticks = static_cast<uint32_t>(now - lastTick);
   const int64_t elapsed = TicksToMicroseconds(ticks);
   const uint64_t samples = static_cast<uint64_t>(static_cast<double>(elapsed) * 44100.0 * 1e-6);
   const uint32_t blocks = static_cast<uint32_t>(samples / kSilentBlockFrames);
   if (blocks == 0) return 0;
-  for (uint32_t i = 0; i < blocks; ++i) {
+  uint32_t paid = 0;
+  for (; paid < blocks; ++paid) {
+    // The control thread wants the mutex back: the rest of the debt goes
+    // with the thread.
+    if (stop != nullptr && stop->load(std::memory_order_relaxed)) break;
     try {
       NSMarlet::COptionalFailureScope scope;
       renderer->Render(kSilentBlockFrames, gNoInputs, gNoOutputs, 0, 0, 0, 0);
@@ -167,7 +187,7 @@ uint32_t COpenSoundDriverHandle::PaySilence(uint64_t& lastTick, uint64_t now,
     }
   }
   lastTick = now;
-  return blocks;
+  return paid;
 }
 
 void COpenSoundDriverHandle::ReadDriverSettings(CSoundDriverSettings& settings) {
@@ -265,9 +285,7 @@ void COpenSoundDriverHandle::ResumeDriver(void* hardwareContext) {
     --suspendCount_;
     return;
   }
-  if (!TakeSilentMutexFor(kLockTimeoutMs)) RaiseLockTimeout();
-  delete silentThread_;
-  silentThread_ = nullptr;
+  if (!WinSilenceBack(kLockTimeoutMs)) RaiseLockTimeout();
   --suspendCount_;
   state_ = kNoDriver;
   const CRegisteredDriverPtr registered = registered_;
@@ -299,11 +317,9 @@ void COpenSoundDriverHandle::SwitchDriverWithSettings(const CRegisteredDriverPtr
 void COpenSoundDriverHandle::Switch(const CRegisteredDriverPtr& registered,
                                     const CSoundDriverSettings* settings, void* hardwareContext) {
   changed_ = true;
-  if (state_ == kDriverLost) {
-    if (!TakeSilentMutexFor(kLockTimeoutMs)) RaiseLockTimeout();
-    delete silentThread_;
-    silentThread_ = nullptr;
-  }
+  // From either silent state, lost or suspended, the silent thread ends
+  // before the new driver opens: it never pays beside a driver.
+  if (!WinSilenceBack(kLockTimeoutMs)) RaiseLockTimeout();
   try {
     NSMarlet::COptionalFailureScope scope;
     state_ = kNoDriver;

@@ -4,6 +4,7 @@
 #ifndef QUILLON_DRIVER_HANDLE_H
 #define QUILLON_DRIVER_HANDLE_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "driver/driver_contract.h"
@@ -75,7 +76,9 @@ class COpenSoundDriverHandle {
   // The pay-out of a silent tick: as many whole 5120-frame blocks as the
   // time since `lastTick` holds at 44100 Hz; the rest is dropped. `lastTick`
   // moves only when something was paid. Gives the blocks paid.
-  static uint32_t PaySilence(uint64_t& lastTick, uint64_t now, MSoundRenderer* renderer);
+  // A `stop` that becomes true ends the pay-out between two blocks.
+  static uint32_t PaySilence(uint64_t& lastTick, uint64_t now, MSoundRenderer* renderer,
+                             const std::atomic<bool>* stop = nullptr);
 
  private:
   void Construct(const CSoundDriverSettings* settings, void* hardwareContext);
@@ -93,6 +96,12 @@ class COpenSoundDriverHandle {
   // thread holds it afterwards.
   bool TakeSilentMutexFor(uint32_t milliseconds);
   void ReleaseSilentMutex();
+  // Wins the silent mutex back and ends the silent thread, if one runs;
+  // true when the control thread holds the mutex afterwards. The thread
+  // stays when the mutex could not be had.
+  bool WinSilenceBack(uint32_t milliseconds);
+  // Ends the silent thread unconditionally: at most one Render long.
+  void EndSilentThread();
   static void SilentTick(CPeriodicCallbackThread* thread);
 
   uint64_t silentLastTick_ = 0;
@@ -100,6 +109,8 @@ class COpenSoundDriverHandle {
   // Whether the control thread holds silentMutex_ now.
   bool silentMutexHeld_ = true;
   CPeriodicCallbackThread* silentThread_ = nullptr;
+  // Set by the control thread while it ends the silent thread.
+  std::atomic<bool> silentStopRequested_{false};
   CRegistryRef registryRef_;
   CABCOpenSoundDriver* driver_ = nullptr;
   CRegisteredDriverPtr registered_;

@@ -31,7 +31,12 @@ extern const SKernelTable kAvx2Kernels;
 // Truncation goes through the conversion instructions, whose answer for
 // not-a-number and out-of-range values (0x80000000) is the defined one; a
 // C++ cast of such a value would be undefined.
+// The helpers have internal linkage: each file compiles its own copy for its
+// own instruction set, and the linker can never hand the AVX2 file's copy to
+// a path that runs without AVX2.
 namespace NSScalar {
+
+namespace {
 
 inline int32_t Truncate(float value) { return _mm_cvttss_si32(_mm_set_ss(value)); }
 inline int32_t Truncate(double value) { return _mm_cvttsd_si32(_mm_set_sd(value)); }
@@ -59,6 +64,8 @@ inline uint32_t Swap32(uint32_t v) {
 inline float ShiftedFactor(uint32_t bits) {
   return 1.0f / static_cast<float>(static_cast<uint64_t>(1) << (bits - 1));
 }
+
+}  // namespace
 
 void FloatToInt16(const float* s, int16_t* d, int32_t n);
 void FloatToInt24(const float* s, uint8_t* d, int32_t n);

@@ -1,5 +1,6 @@
 #include "driver/null_driver.h"
 
+#include <exception>
 #include <stdexcept>
 
 #include "driver/registry.h"
@@ -9,12 +10,24 @@ namespace NSFerrand {
 
 const uint32_t kStandardSampleRates[5] = {44100, 48000, 88200, 96000, 192000};
 
+uint32_t NullDriverFramesFor(uint32_t requested) {
+  if (requested < kNullDriverMinFrames) return kNullDriverMinFrames;
+  if (requested > kNullDriverMaxFrames) return kNullDriverMaxFrames;
+  return requested;
+}
+
 namespace {
 
 constexpr uint32_t kLockTimeoutMs = 5000;
 
 uint32_t PeriodOf(uint32_t frames, uint32_t sampleRate) {
   return sampleRate == 0 ? 0 : static_cast<uint32_t>(uint64_t{frames} * 1000u / sampleRate);
+}
+
+uint32_t NearestStandardRate(uint32_t requested) {
+  const std::vector<uint32_t> rates(std::begin(kStandardSampleRates),
+                                    std::end(kStandardSampleRates));
+  return FindNearestValue(rates, requested);
 }
 
 CChannelBitVector OnePairActive() {
@@ -73,13 +86,9 @@ CNullOpenSoundDriver::CNullOpenSoundDriver(const CSoundDriverSettings* settings,
   // The mutex is ours until thread and buffers stand: no render meets a
   // half-built driver.
   try {
-    if (settings != nullptr) {
-      const std::vector<uint32_t> rates(std::begin(kStandardSampleRates),
-                                        std::end(kStandardSampleRates));
-      sampleRate_ = FindNearestValue(rates, static_cast<int32_t>(settings->sampleRate));
-    }
+    if (settings != nullptr) sampleRate_ = NearestStandardRate(settings->sampleRate);
     buffers_ = new CNullChannelBuffers(kNullDriverFrames, OnePairActive(), OnePairActive());
-    thread_ = new CPeriodicCallbackThread(PeriodOf(buffers_->frames, sampleRate_), &Tick, this);
+    StartThread();
   } catch (...) {
     Close();
     bufferMutex_.Unlock();
@@ -94,7 +103,7 @@ CNullOpenSoundDriver::~CNullOpenSoundDriver() { Close(); }
 void CNullOpenSoundDriver::Close() {
   bool locked = false;
   if (thread_ != nullptr) {
-    locked = bufferMutex_.TimedLock(kLockTimeoutMs);
+    locked = PauseRendering();
     delete thread_;
     thread_ = nullptr;
   }
@@ -108,8 +117,29 @@ void CNullOpenSoundDriver::Close() {
   }
 }
 
+bool CNullOpenSoundDriver::PauseRendering() {
+  // The timer thread renders no more from now on, so the mutex is free as
+  // soon as the render in progress returns, however slow the host is.
+  pausing_.store(true, std::memory_order_relaxed);
+  const bool locked = bufferMutex_.TimedLock(kLockTimeoutMs);
+  pausing_.store(false, std::memory_order_relaxed);
+  return locked;
+}
+
+void CNullOpenSoundDriver::StartThread() {
+  try {
+    thread_ = new CPeriodicCallbackThread(PeriodOf(buffers_->frames, sampleRate_), &Tick, this);
+  } catch (...) {
+    // Without its thread the driver would be silent for good: the handle
+    // must hear of it and take over.
+    dead_.store(true, std::memory_order_relaxed);
+    throw;
+  }
+}
+
 void CNullOpenSoundDriver::Tick(CPeriodicCallbackThread* thread) {
   auto* self = static_cast<CNullOpenSoundDriver*>(thread->UserData());
+  if (self->pausing_.load(std::memory_order_relaxed)) return;
   // Never waits: a render that meets a rebuild is skipped, not made up.
   CTryScopedLock lock(&self->bufferMutex_);
   if (!lock.Locked()) return;
@@ -137,8 +167,14 @@ CSoundDriverSettings& CNullOpenSoundDriver::GetSettings(CSoundDriverSettings& se
 void CNullOpenSoundDriver::ApplySettings(const CSoundDriverSettings& requested) {
   CSoundDriverSettings present;
   GetSettings(present);
-  if (requested.sampleRate != present.sampleRate) {
-    sampleRate_ = requested.sampleRate;
+  // The driver keeps what it can honour: the nearest of its rates, and a
+  // size whose period lies between a millisecond and a second or so. What
+  // it kept instead of the request is reported as a change.
+  const uint32_t rate = NearestStandardRate(requested.sampleRate);
+  const uint32_t frames = NullDriverFramesFor(requested.bufferFrames);
+  if (rate != requested.sampleRate || frames != requested.bufferFrames) settingsChanged_ = true;
+  if (rate != present.sampleRate) {
+    sampleRate_ = rate;
     settingsChanged_ = true;
   }
   if (requested.clockSource != present.clockSource) {
@@ -146,31 +182,34 @@ void CNullOpenSoundDriver::ApplySettings(const CSoundDriverSettings& requested) 
     settingsChanged_ = true;
   }
   // A new rate alone keeps the running thread and its period, on purpose.
-  if (requested.bufferFrames == present.bufferFrames &&
-      requested.inputPairs == present.inputPairs &&
+  if (frames == present.bufferFrames && requested.inputPairs == present.inputPairs &&
       requested.outputPairs == present.outputPairs) {
     return;
   }
-  if (!bufferMutex_.TimedLock(kLockTimeoutMs)) {
+  if (!PauseRendering()) {
     NSMarlet::RaiseFailure(NSMarlet::NSMarletDetails::XStdRuntimeError(""),
                            NSMarlet::TargetWordAudioDriver());
   }
+  delete thread_;
+  thread_ = nullptr;
+  std::exception_ptr failure;
   try {
-    delete thread_;
-    thread_ = nullptr;
     CNullChannelBuffers* rebuilt =
-        new CNullChannelBuffers(requested.bufferFrames, requested.inputPairs, requested.outputPairs);
+        new CNullChannelBuffers(frames, requested.inputPairs, requested.outputPairs);
     delete buffers_;
     buffers_ = rebuilt;
     CSoundDriverSettings now;
     GetSettings(now);
     if (now != requested) settingsChanged_ = true;
-    thread_ = new CPeriodicCallbackThread(PeriodOf(now.bufferFrames, now.sampleRate), &Tick, this);
   } catch (...) {
-    bufferMutex_.Unlock();
-    throw;
+    failure = std::current_exception();
   }
+  // No thread runs now, so the mutex can go before the new one starts and
+  // its first call comes at once. Without new buffers the old ones render
+  // on, and the failure is told.
   bufferMutex_.Unlock();
+  StartThread();
+  if (failure) std::rethrow_exception(failure);
 }
 
 bool CNullOpenSoundDriver::TakeSettingsChanged() {

@@ -61,6 +61,12 @@ class CNullOpenSoundDriver final : public CABCOpenSoundDriver {
  private:
   static void Tick(CPeriodicCallbackThread* thread);
   void Close();
+  // Stops renders and wins the buffer mutex, within one render; false when
+  // a render held it past the time-out.
+  bool PauseRendering();
+  // Starts the timer thread for the buffers in force; a thread that cannot
+  // be made leaves the driver dead.
+  void StartThread();
 
   CLockableMutex bufferMutex_;
   uint32_t sampleRate_ = 44100;
@@ -68,12 +74,20 @@ class CNullOpenSoundDriver final : public CABCOpenSoundDriver {
   MSoundRenderer* renderer_;
   CNullChannelBuffers* buffers_ = nullptr;
   std::atomic<bool> dead_{false};
+  // Set while the control thread wants the buffers: the timer renders not.
+  std::atomic<bool> pausing_{false};
   bool settingsChanged_ = false;
   CPeriodicCallbackThread* thread_ = nullptr;
 };
 
 extern const uint32_t kStandardSampleRates[5];
 constexpr uint32_t kNullDriverFrames = 4096;
+// The sizes the driver keeps: a period of at least 1 ms at 192000 Hz, and of
+// at most 743 ms at 44100 Hz.
+constexpr uint32_t kNullDriverMinFrames = 192;
+constexpr uint32_t kNullDriverMaxFrames = 32768;
+// A requested size, limited to those the driver keeps.
+uint32_t NullDriverFramesFor(uint32_t requested);
 
 }  // namespace NSFerrand
 

@@ -41,20 +41,29 @@ void CPeriodicCallbackThread::Run() {
 
 void CPeriodicCallbackThread::Loop() {
   for (;;) {
-    const uint32_t due = lastTick_ + periodMs_;
-    const uint32_t now = GetTickCount32();
-    if (static_cast<int32_t>(due - now) <= 0) {
-      // Overdue: call at once. Lost time is not caught up, and no stop is
-      // seen while calls are overdue.
-      lastTick_ = now;
-      callback_(this);
-      continue;
-    }
+    // The stop is seen between any two calls, also when they are overdue:
+    // a callback slower than the period delays a stop by one call at most.
     if (stopMutex_.TryLock()) {
       stopMutex_.Unlock();
       return;
     }
-    NSPlatform::SleepMilliseconds(due - now);
+    const uint32_t due = lastTick_ + periodMs_;
+    const uint32_t now = GetTickCount32();
+    if (static_cast<int32_t>(due - now) <= 0) {
+      // Overdue: call at once. Lost time is not caught up.
+      lastTick_ = now;
+      callback_(this);
+      continue;
+    }
+    // The wait for the next call is a wait for the stop signal: a stop
+    // never waits for a sleep to run out.
+    const NSPlatform::EWaitResult woken = stopMutex_.WaitResult(due - now);
+    if (woken == NSPlatform::kWaitObject || woken == NSPlatform::kWaitAbandoned) {
+      stopMutex_.Unlock();
+      return;
+    }
+    // A wait that failed must not turn the loop into a spin.
+    if (woken != NSPlatform::kWaitTimeout) NSPlatform::SleepMilliseconds(due - now);
   }
 }
 

@@ -14,7 +14,9 @@ class CPeriodicCallbackThread final : public IThreadFunction {
   typedef void (*Callback)(CPeriodicCallbackThread* thread);
 
   // The first call comes at once. Must be destroyed on the constructing
-  // thread: the release of the mutex it holds is the stop signal.
+  // thread: the release of the mutex it holds is the stop signal, which
+  // wakes the thread from its wait and is seen between any two calls, so
+  // destruction takes one callback at most.
   CPeriodicCallbackThread(uint32_t periodMs, Callback callback, void* userData);
   ~CPeriodicCallbackThread() override;
   CPeriodicCallbackThread(const CPeriodicCallbackThread&) = delete;

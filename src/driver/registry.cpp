@@ -113,12 +113,14 @@ void GetRegisteredDrivers(CRegisteredDriverList& drivers) { Registry().GetDriver
 bool TakeDriverListChanged() { return Registry().TakeChanged(); }
 bool RegistryExists() { return gRegistry != nullptr; }
 
-uint32_t FindNearestValue(const std::vector<uint32_t>& values, int32_t target) {
+uint32_t FindNearestValue(const std::vector<uint32_t>& values, int64_t target) {
   if (values.size() < 2) return values.at(0);
-  uint16_t best = 0;
-  for (uint16_t i = 1; i < values.size(); ++i) {
-    const int32_t d = std::abs(target - static_cast<int32_t>(values[i]));
-    const int32_t b = std::abs(target - static_cast<int32_t>(values[best]));
+  // Differences in 64 bits: entries and targets of 2^31 and above, and any
+  // distance between them, stay exact.
+  size_t best = 0;
+  for (size_t i = 1; i < values.size(); ++i) {
+    const int64_t d = std::llabs(target - static_cast<int64_t>(values[i]));
+    const int64_t b = std::llabs(target - static_cast<int64_t>(values[best]));
     if (d < b) best = i;
   }
   return values[best];

@@ -62,7 +62,7 @@ bool RegistryExists();
 
 // The entry nearest the target; ties go to the earlier entry. Needs at
 // least one entry.
-uint32_t FindNearestValue(const std::vector<uint32_t>& values, int32_t target);
+uint32_t FindNearestValue(const std::vector<uint32_t>& values, int64_t target);
 
 }  // namespace NSFerrand
 

@@ -40,8 +40,12 @@ bool CLockableMutex::TimedLock(uint32_t milliseconds) {
 }
 
 bool CLockableMutex::Wait(uint32_t milliseconds) {
-  const NSPlatform::EWaitResult result = NSPlatform::WaitMutex(mutex_, milliseconds);
+  const NSPlatform::EWaitResult result = WaitResult(milliseconds);
   return result == NSPlatform::kWaitObject || result == NSPlatform::kWaitAbandoned;
+}
+
+NSPlatform::EWaitResult CLockableMutex::WaitResult(uint32_t milliseconds) {
+  return NSPlatform::WaitMutex(mutex_, milliseconds);
 }
 
 void CLockableMutex::Unlock() {
@@ -70,6 +74,11 @@ CTimedThread::CTimedThread(IThreadFunction* function, uint32_t priorityCode, con
     if (createFailure) NSMarlet::RaiseFailure(NSMarlet::XCreate());
     RaiseSystemFailure();
   };
+  // The new thread's failure table is made here, on the creating thread:
+  // an audio thread allocates none, not even in its first block.
+  if (NSMarlet::IExceptionBodyStorage* storage = NSMarlet::GetExceptionBodyStorageUnchecked()) {
+    storage->ReserveThreadTable();
+  }
   stopEvent_ = NSPlatform::NewEvent(true, false);
   if (stopEvent_ == nullptr) fail();
   thread_ = NSPlatform::StartThread(&CTimedThread::Entry, this, SystemPriorityOf(priorityCode));
@@ -91,9 +100,16 @@ CTimedThread::~CTimedThread() {
 void CTimedThread::Entry(void* self) {
   CTimedThread* thread = static_cast<CTimedThread*>(self);
   thread->running_.store(true, std::memory_order_release);
+  // The thread takes its failure table before any work, and gives it back
+  // as it ends, so tables do not pile up with threads come and gone.
+  NSMarlet::IExceptionBodyStorage* storage = NSMarlet::GetExceptionBodyStorageUnchecked();
   try {
+    if (storage != nullptr) storage->GetScopeDepth();
     thread->function_->Run();
   } catch (...) {
+  }
+  if (storage != nullptr && storage == NSMarlet::GetExceptionBodyStorageUnchecked()) {
+    storage->ReleaseThreadTable();
   }
   thread->running_.store(false, std::memory_order_release);
 }

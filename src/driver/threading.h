@@ -26,6 +26,8 @@ class CLockableMutex {
   bool TimedLock(uint32_t milliseconds);
   // One wait of the system, at most that long.
   bool Wait(uint32_t milliseconds);
+  // The same, telling a time-out from a wait that failed.
+  NSPlatform::EWaitResult WaitResult(uint32_t milliseconds);
   // Raises when the caller is not the owner.
   void Unlock();
 

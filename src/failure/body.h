@@ -117,6 +117,10 @@ class IExceptionBodyStorage {
   virtual void LeaveScope() = 0;
   virtual int32_t GetScopeDepth() = 0;
   virtual void GetBodyIds(std::vector<BodyId>& ids) = 0;
+  // For storages that keep state per thread: a thread about to be started,
+  // and a thread that ends. Nothing by default.
+  virtual void ReserveThreadTable() {}
+  virtual void ReleaseThreadTable() {}
 };
 
 // The one global storage. The checked getter raises a plain std::exception

@@ -14,7 +14,15 @@ CExceptionBodyRefMixin CExceptionBodyRefMixin::Adopt(BodyId id) {
 
 CExceptionBodyRefMixin::CExceptionBodyRefMixin(const CExceptionBodyRefMixin& other)
     : id_(other.id_) {
-  if (id_ != kNoBody) GetExceptionBodyStorage()->AddBodyRef(id_);
+  if (id_ == kNoBody) return;
+  // After the storage has gone the copy is made without its body: a copy
+  // must not raise, as the runtime copies exceptions while one is in flight.
+  IExceptionBodyStorage* storage = GetExceptionBodyStorageUnchecked();
+  if (storage == nullptr) {
+    id_ = kNoBody;
+    return;
+  }
+  storage->AddBodyRef(id_);
 }
 
 CExceptionBodyRefMixin& CExceptionBodyRefMixin::operator=(const CExceptionBodyRefMixin& other) {

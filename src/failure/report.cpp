@@ -11,6 +11,7 @@ namespace {
 
 // The first row of that status, or null when the end mark comes first.
 const SStatusMapRow* FindStatusRow(uint32_t status, const SStatusMapRow* table) {
+  if (table == nullptr) return nullptr;
   for (const SStatusMapRow* row = table; row->failureCode != kFailureCode_EndMark; ++row) {
     if (row->status == status) return row;
   }
@@ -54,7 +55,9 @@ uint32_t StatusFromException(const std::exception* exception, const SStatusRange
 
 uint32_t StatusFromFailure(uint32_t failureCode, const std::string& word,
                            const SStatusRange& range, const SStatusMapRow* table) {
-  for (const SStatusMapRow* row = table; row->failureCode != kFailureCode_EndMark; ++row) {
+  // No table is an empty one: every failure is then computed.
+  for (const SStatusMapRow* row = table; row != nullptr && row->failureCode != kFailureCode_EndMark;
+       ++row) {
     if (row->failureCode == failureCode && (row->word[0] == '\0' || word == row->word)) {
       return row->status;
     }

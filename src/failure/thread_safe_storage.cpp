@@ -42,19 +42,48 @@ CThreadBodyTable& CThreadSafeExceptionBodyStorage::ThreadTable() {
   if (tSlot.storageSerial == serial_) return *tSlot.table;
   const uint64_t me = ThisThreadSerial();
   for (CThreadBodyTable* t = head_.load(std::memory_order_acquire); t != nullptr; t = t->next) {
-    if (t->thread == me) {
+    if (t->owner.load(std::memory_order_acquire) == me) {
+      tSlot = SThreadSlot{serial_, t};
+      return *t;
+    }
+  }
+  for (CThreadBodyTable* t = head_.load(std::memory_order_acquire); t != nullptr; t = t->next) {
+    uint64_t free = 0;
+    if (t->owner.compare_exchange_strong(free, me, std::memory_order_acq_rel)) {
       tSlot = SThreadSlot{serial_, t};
       return *t;
     }
   }
   CThreadBodyTable* table = new CThreadBodyTable(me);
+  Push(table);
+  tSlot = SThreadSlot{serial_, table};
+  return *table;
+}
+
+void CThreadSafeExceptionBodyStorage::Push(CThreadBodyTable* table) {
   CThreadBodyTable* expected = head_.load(std::memory_order_relaxed);
   do {
     table->next = expected;
   } while (!head_.compare_exchange_weak(expected, table, std::memory_order_release,
                                         std::memory_order_relaxed));
-  tSlot = SThreadSlot{serial_, table};
-  return *table;
+}
+
+void CThreadSafeExceptionBodyStorage::ReserveThreadTable() {
+  for (CThreadBodyTable* t = head_.load(std::memory_order_acquire); t != nullptr; t = t->next) {
+    if (t->owner.load(std::memory_order_acquire) == 0) return;
+  }
+  Push(new CThreadBodyTable(0));
+}
+
+void CThreadSafeExceptionBodyStorage::ReleaseThreadTable() {
+  if (tSlot.storageSerial != serial_) return;
+  CThreadBodyTable* table = tSlot.table;
+  tSlot = SThreadSlot();
+  // A thread that ends leaves no failure behind that another could still
+  // name: its bodies go with it.
+  table->bodies.clear();
+  table->scopeDepth = 0;
+  table->owner.store(0, std::memory_order_release);
 }
 
 CExceptionBody* CThreadSafeExceptionBodyStorage::Find(BodyId id) {

@@ -11,13 +11,18 @@
 
 namespace NSMarlet {
 
+// A table belongs to one thread at a time; a thread that ends gives it
+// back, and the next new thread takes it over instead of making another.
 struct CThreadBodyTable {
-  explicit CThreadBodyTable(uint64_t threadSerial) : thread(threadSerial) {}
+  explicit CThreadBodyTable(uint64_t threadSerial) : owner(threadSerial) {}
 
   std::map<BodyId, CExceptionBody> bodies;
+  // Ids go on counting across owners: an id of a thread that has ended
+  // never names a body of its successor.
   BodyId nextId = kFirstBodyId;
   int32_t scopeDepth = 0;
-  const uint64_t thread;
+  // The owning thread's serial; 0 while the table is free.
+  std::atomic<uint64_t> owner;
   CThreadBodyTable* next = nullptr;
 };
 
@@ -41,12 +46,22 @@ class CThreadSafeExceptionBodyStorage final : public IExceptionBodyStorage {
   int32_t GetScopeDepth() override;
   void GetBodyIds(std::vector<BodyId>& ids) override;
 
+  // Sees to it that a free table waits for the next thread that starts, so
+  // that the new thread takes one without allocating. Called by the thread
+  // that creates another.
+  void ReserveThreadTable() override;
+  // Gives the calling thread's table back, emptied, for a later thread.
+  // Called by a thread as it ends.
+  void ReleaseThreadTable() override;
+
   // Number of per-thread tables made so far.
   uint32_t GetTableCount() const;
 
  private:
-  // The calling thread's table, made and pushed on the list at first use.
+  // The calling thread's table: its own, else a free one taken over, else a
+  // new one pushed on the list.
   CThreadBodyTable& ThreadTable();
+  void Push(CThreadBodyTable* table);
   CExceptionBody* Find(BodyId id);
 
   std::atomic<CThreadBodyTable*> head_{nullptr};

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "driver/kernels.h"
+#include "driver/registry.h"
 #include "failure/builder.h"
 #include "mme/mme_family.h"
 #include "platform/clock.h"
@@ -39,6 +40,12 @@ void FreeAligned(void* memory) {
 
 }  // namespace
 
+uint32_t MMEFramesFor(uint32_t requested) {
+  if (requested < kMMEMinFrames) return kMMEMinFrames;
+  if (requested > kMMEMaxFrames) return kMMEMaxFrames;
+  return requested;
+}
+
 int32_t TargetBlocks(uint32_t bufferFrames) {
   return (static_cast<int32_t>(bufferFrames) - 1) / static_cast<int32_t>(kMMEBlockFrames) + 1;
 }
@@ -50,15 +57,9 @@ COpenMMESoundDriver::COpenMMESoundDriver(const CMMESoundRegisteredSoundDriver& r
   try {
     supportedRates_ = SupportedRates(api_, registered_.Device());
     if (settings != nullptr) {
-      OpenStream(settings->sampleRate, settings->bufferFrames);
+      OpenStream(KeptRate(settings->sampleRate), MMEFramesFor(settings->bufferFrames));
     } else {
-      uint32_t nearest = supportedRates_.front();
-      for (uint32_t rate : supportedRates_) {
-        const int64_t d = static_cast<int64_t>(rate) - 44100;
-        const int64_t b = static_cast<int64_t>(nearest) - 44100;
-        if ((d < 0 ? -d : d) < (b < 0 ? -b : b)) nearest = rate;
-      }
-      OpenStream(nearest, kMMEDefaultFrames);
+      OpenStream(KeptRate(44100), kMMEDefaultFrames);
     }
   } catch (...) {
     CloseStream();
@@ -68,7 +69,21 @@ COpenMMESoundDriver::COpenMMESoundDriver(const CMMESoundRegisteredSoundDriver& r
 
 COpenMMESoundDriver::~COpenMMESoundDriver() { CloseStream(); }
 
+uint32_t COpenMMESoundDriver::KeptRate(uint32_t requested) const {
+  return NSFerrand::FindNearestValue(supportedRates_, requested);
+}
+
 void COpenMMESoundDriver::OpenStream(uint32_t sampleRate, uint32_t bufferFrames) {
+  try {
+    OpenStreamSteps(sampleRate, bufferFrames);
+  } catch (...) {
+    // Nothing half-open stays behind: no device held paused without a thread.
+    CloseStream();
+    throw;
+  }
+}
+
+void COpenMMESoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFrames) {
   settingsChanged_ = true;
   const int32_t target = TargetBlocks(bufferFrames);
   const SWaveFormat format = Stereo16Format(sampleRate);
@@ -173,10 +188,16 @@ void COpenMMESoundDriver::Run() {
     } catch (...) {
     }
     // The opener's release of the stop mutex is the signal to end.
-    if (stopMutex_->Wait(1)) {
+    const NSPlatform::EWaitResult stop = stopMutex_->WaitResult(1);
+    if (stop == NSPlatform::kWaitTimeout) continue;
+    if (stop == NSPlatform::kWaitObject || stop == NSPlatform::kWaitAbandoned) {
       stopMutex_->Unlock();
       return;
     }
+    // A wait that fails would make the loop spin: the stream cannot be kept
+    // up any longer, and the driver says so.
+    failed_ = true;
+    return;
   }
 }
 
@@ -237,14 +258,22 @@ NSFerrand::CSoundDriverSettings& COpenMMESoundDriver::GetSettings(
 
 void COpenMMESoundDriver::ApplySettings(const NSFerrand::CSoundDriverSettings& settings) {
   settingsChanged_ = true;
-  if (settings.sampleRate == sampleRate_) {
+  // The driver keeps the sizes its ring holds and the rates the device took.
+  const uint32_t rate = KeptRate(settings.sampleRate);
+  const uint32_t frames = MMEFramesFor(settings.bufferFrames);
+  if (rate == sampleRate_) {
     // The stream goes on without a gap; the pump moves to the new target.
-    targetBlocks_ = TargetBlocks(settings.bufferFrames);
-    bufferFrames_ = settings.bufferFrames;
+    targetBlocks_ = TargetBlocks(frames);
+    bufferFrames_ = frames;
     return;
   }
   CloseStream();
-  OpenStream(settings.sampleRate, settings.bufferFrames);
+  try {
+    OpenStream(rate, frames);
+  } catch (...) {
+    failed_ = true;
+    throw;
+  }
 }
 
 bool COpenMMESoundDriver::TakeSettingsChanged() {
@@ -259,7 +288,7 @@ NSFerrand::COpenSoundDriverInfo& COpenMMESoundDriver::GetDriverInfo(
   info.inputNames.clear();
   info.outputNames = {u"Left", u"Right"};
   info.bufferSizes.clear();
-  for (uint32_t frames = 1024; frames <= kMMEMaxFrames; frames += kMMEBlockFrames) {
+  for (uint32_t frames = kMMEMinFrames; frames <= kMMEMaxFrames; frames += kMMEBlockFrames) {
     info.bufferSizes.push_back(frames);
   }
   info.clockSourceNames = {u"Internal"};

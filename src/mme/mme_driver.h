@@ -21,6 +21,11 @@ constexpr uint32_t kMMEHeaderCount = 32;
 constexpr uint32_t kMMEBlockBytes = kMMEBlockFrames * 4;
 constexpr uint32_t kMMEMaxFrames = kMMEBlockFrames * kMMEHeaderCount;
 constexpr uint32_t kMMEDefaultFrames = 8192;
+// The smallest size whose headers do not overlap in the sample memory.
+constexpr uint32_t kMMEMinFrames = 1024;
+
+// A requested size, limited to those the driver offers.
+uint32_t MMEFramesFor(uint32_t requested);
 
 // Blocks the pump keeps queued for a buffer size: whole blocks, rounded up.
 int32_t TargetBlocks(uint32_t bufferFrames);
@@ -61,7 +66,11 @@ class COpenMMESoundDriver final : public NSFerrand::CABCOpenSoundDriver,
 
  private:
   void Run() override;
+  // The supported rate nearest a request.
+  uint32_t KeptRate(uint32_t requested) const;
+  // Opens, or closes again whatever was opened and raises.
   void OpenStream(uint32_t sampleRate, uint32_t bufferFrames);
+  void OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFrames);
   void CloseStream();
   void WriteBlock(uint32_t slice, SWaveHeader& header);
   uint32_t QueueCount() const;

@@ -189,7 +189,9 @@ IVector<const unsigned short*>* CQuillonClient::GetClockSourceNames(uint32_t* st
 
 uint32_t CQuillonClient::ApplyClientSettings(const SClientSettings* settings, uint32_t* running) {
   return Guarded([&] {
-    if (settings == nullptr) RaiseInvalidArgument();
+    // The same test as at creation: a record no client could be made with
+    // changes nothing here either.
+    if (settings == nullptr || !IsSoundRecord(*settings)) RaiseInvalidArgument();
     CSoundDriverSettings inForce;
     handle_->ReadDriverSettings(inForce);
     MergeClientSettings(*settings, inForce);
@@ -366,7 +368,7 @@ uint32_t CQuillonClient::Render(uint32_t frames, const NSFerrand::CChannelPointe
                                 NSFerrand::CChannelPointers& outputs, uint64_t inputSystemTime,
                                 uint64_t inputSamplePosition, uint64_t outputSystemTime,
                                 uint64_t outputSamplePosition) {
-  lastRenderTime_.exchange(NSFerrand::GetTickCount32());
+  lastRenderTime_.exchange(NSFerrand::GetCoarseTickCount32());
   const int32_t inputCount = static_cast<int32_t>(inputs.size());
   const int32_t outputCount = static_cast<int32_t>(outputs.size());
   const SRenderTiming inputTiming = {inputSamplePosition, inputSystemTime};

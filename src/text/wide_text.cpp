@@ -42,8 +42,10 @@ CWideString FormatText(const CWideString& format, int32_t seed,
       int64_t n = seed;
       ++p;
       while (IsDigit(*p)) {
-        // Past any argument count already: keep it there, without overflow.
-        if (n <= static_cast<int64_t>(arguments.size())) n = n * 10 + (*p - u'0');
+        // A negative number never names an argument however it goes on, and
+        // one past the argument count never comes back: both stay where
+        // they are, without overflow.
+        if (n >= 0 && n <= static_cast<int64_t>(arguments.size())) n = n * 10 + (*p - u'0');
         ++p;
       }
       if (n >= 0 && n < static_cast<int64_t>(arguments.size())) {

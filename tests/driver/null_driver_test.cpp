@@ -202,15 +202,20 @@ TEST_F(NullDriverTest, ANewRateAloneKeepsThePeriod) {
   CSoundDriverSettings now;
   driver->GetSettings(now);
   EXPECT_EQ(now.sampleRate, 96000u);
-  // Any value is stored here, without rounding to the list.
+  // A rate off the list is kept as the nearest on it, and reported as a
+  // change, each time it is asked for.
   s.sampleRate = 12345;
   s.clockSource = 3;
   driver->ApplySettings(s);
   driver->GetSettings(now);
-  EXPECT_EQ(now.sampleRate, 12345u);
+  EXPECT_EQ(now.sampleRate, 44100u);
   EXPECT_EQ(now.clockSource, 3u);
   EXPECT_TRUE(driver->TakeSettingsChanged());
   driver->ApplySettings(s);
+  EXPECT_TRUE(driver->TakeSettingsChanged());
+  EXPECT_EQ(PeriodOf(driver), 92u);
+  // What is in force, asked for again, is no change.
+  driver->ApplySettings(now);
   EXPECT_FALSE(driver->TakeSettingsChanged());
 }
 

@@ -25,7 +25,7 @@ class CountingRenderer final : public NSFerrand::MSoundRenderer {
     if (silent) {
       const uint64_t allocations = AllocationCounter::OnThisThread();
       const uint64_t n = ++silentBlocks;
-      if (n == 2) silentAllocationsAtSecond = allocations;
+      if (n == 1) silentAllocationsAtFirst = allocations;
       silentAllocationsLatest = allocations;
     } else {
       ++drivenBlocks;
@@ -45,7 +45,9 @@ class CountingRenderer final : public NSFerrand::MSoundRenderer {
   std::atomic<uint64_t> oddBlocks{0};
   std::atomic<int> holdMs{0};
   std::atomic<bool> raiseNext{false};
-  uint64_t silentAllocationsAtSecond = 0;
+  // Everything the silent thread allocated from its start to its first
+  // block, and to its latest.
+  std::atomic<uint64_t> silentAllocationsAtFirst{~uint64_t{0}};
   std::atomic<uint64_t> silentAllocationsLatest{0};
 };
 

@@ -219,17 +219,22 @@ TEST_F(HandleTest, SwitchingMovesBetweenDriversAndOutOfLoss) {
   EXPECT_TRUE(SilentBlocksFlow());
 }
 
-TEST_F(HandleTest, ASwitchFromSuspensionLeavesTheSilentThreadBesideTheNewDriver) {
+TEST_F(HandleTest, ASwitchFromSuspensionEndsTheSilentThreadBeforeTheNewDriverOpens) {
   auto handle = Open(registered, &renderer);
   handle->SuspendDriver();
+  ASSERT_TRUE(SilentBlocksFlow());
   handle->SwitchDriver(other, nullptr);
   EXPECT_EQ(handle->State(), kDriverOpen);
-  EXPECT_TRUE(handle->HasSilentThread());
+  EXPECT_FALSE(handle->HasSilentThread());
+  const uint64_t silent = renderer.silentBlocks.load();
   const uint64_t driven = renderer.drivenBlocks.load();
-  EXPECT_TRUE(SilentBlocksFlow(2));
   EXPECT_TRUE(WaitFor([&] { return renderer.drivenBlocks.load() > driven + 2; }));
-  // Both sources run: this is the one state in which they may meet.
-  renderer.overlaps = 0;
+  EXPECT_EQ(renderer.silentBlocks.load(), silent);
+  // The suspension still counts: the matching resume finds a driver open
+  // and only counts down.
+  handle->ResumeDriver(nullptr);
+  EXPECT_EQ(handle->SuspendCount(), 0u);
+  EXPECT_EQ(handle->State(), kDriverOpen);
 }
 
 TEST_F(HandleTest, ASwitchGivesUpWhenTheSilentThreadHoldsItsMutex) {
@@ -269,12 +274,71 @@ TEST_F(HandleTest, ClosingInEveryState) {
   EXPECT_EQ(control->openDrivers.load(), 0);
 }
 
-TEST_F(HandleTest, TheSilentTickAllocatesNothing) {
+TEST_F(HandleTest, TheSilentThreadAllocatesNothingFromItsFirstBlock) {
   control->Raise(Fakes::kOpenWithDefaults, 30);
   auto handle = Open(registered, &renderer);
   ASSERT_TRUE(WaitFor([&] { return renderer.silentBlocks.load() >= 6; }));
   handle.reset();
-  EXPECT_EQ(renderer.silentAllocationsLatest.load(), renderer.silentAllocationsAtSecond);
+  // Counted from the thread's start: its failure table was made beforehand,
+  // on the thread that started it.
+  EXPECT_EQ(renderer.silentAllocationsAtFirst.load(), 0u);
+  EXPECT_EQ(renderer.silentAllocationsLatest.load(), 0u);
+}
+
+TEST_F(HandleTest, SuspensionsComeAndGoWithoutNewFailureTables) {
+  auto handle = Open(registered, &renderer);
+  handle->SuspendDriver();
+  ASSERT_TRUE(SilentBlocksFlow());
+  handle->ResumeDriver(nullptr);
+  const uint32_t tables = storage->GetTableCount();
+  for (int i = 0; i < 100; ++i) {
+    handle->SuspendDriver();
+    handle->ResumeDriver(nullptr);
+  }
+  EXPECT_EQ(handle->State(), kDriverOpen);
+  EXPECT_EQ(storage->GetTableCount(), tables);
+}
+
+// A host whose Render is slower than the silent period: every control
+// operation still returns within one Render and a second.
+TEST_F(HandleTest, ASlowHostNeverHoldsTheControlThread) {
+  control->Raise(Fakes::kOpenWithDefaults, 30);
+  auto handle = Open(registered, &renderer);
+  ASSERT_TRUE(SilentBlocksFlow());
+  renderer.holdMs = 400;
+  ASSERT_TRUE(SilentBlocksFlow(2));
+  const auto bound = std::chrono::milliseconds(400 + 1000);
+  auto timed = [&](auto operation) {
+    const auto before = std::chrono::steady_clock::now();
+    operation();
+    return std::chrono::steady_clock::now() - before;
+  };
+  control->Succeed(Fakes::kOpenWithDefaults);
+  EXPECT_LT(timed([&] { handle->SwitchDriver(registered, nullptr); }), bound);
+  EXPECT_EQ(handle->State(), kDriverOpen);
+  EXPECT_LT(timed([&] { handle->SuspendDriver(); }), bound);
+  ASSERT_TRUE(SilentBlocksFlow());
+  EXPECT_LT(timed([&] { handle->ResumeDriver(nullptr); }), bound);
+  EXPECT_LT(timed([&] { handle->EnterSilentMode(); }), bound);
+  ASSERT_TRUE(SilentBlocksFlow());
+  EXPECT_LT(timed([&] { handle.reset(); }), bound);
+}
+
+TEST(SilentPayOut, AStopRequestEndsThePayOutBetweenBlocks) {
+  struct Stopper final : MSoundRenderer {
+    uint32_t Render(uint32_t, const CChannelPointers&, CChannelPointers&, uint64_t, uint64_t,
+                    uint64_t, uint64_t) override {
+      if (++calls == 2) stop = true;
+      return 0;
+    }
+    int calls = 0;
+    std::atomic<bool> stop{false};
+  } renderer;
+  uint64_t last = 0;
+  // Ten seconds owed: 86 blocks, of which two are paid before the stop.
+  EXPECT_EQ(COpenSoundDriverHandle::PaySilence(last, 10000, &renderer, &renderer.stop), 2u);
+  EXPECT_EQ(renderer.calls, 2);
+  EXPECT_EQ(last, 10000u);
 }
 
 TEST(SilentPayOut, WholeBlocksAndTheRestDropped) {

@@ -13,6 +13,13 @@ uint32_t MillisecondTicks() {
   return static_cast<uint32_t>(ms);
 }
 
+uint32_t CoarseMillisecondTicks() {
+  timespec t;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &t);
+  const uint64_t ms = static_cast<uint64_t>(t.tv_sec) * 1000u + static_cast<uint64_t>(t.tv_nsec) / 1000000u;
+  return static_cast<uint32_t>(ms);
+}
+
 void SleepMilliseconds(uint32_t milliseconds) {
   timespec wait = {static_cast<time_t>(milliseconds / 1000),
                    static_cast<long>(milliseconds % 1000) * 1000000L};

@@ -6,6 +6,9 @@
 namespace NSPlatform {
 
 uint32_t MillisecondTicks() { return timeGetTime(); }
+
+// timeGetTime is a read of shared memory already.
+uint32_t CoarseMillisecondTicks() { return timeGetTime(); }
 void SleepMilliseconds(uint32_t milliseconds) { Sleep(milliseconds); }
 
 double ProcessCpuSeconds() {
