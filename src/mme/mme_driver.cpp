@@ -124,14 +124,17 @@ void COpenMMESoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFr
   for (int32_t i = 0; i < target; ++i) {
     WriteBlock(static_cast<uint32_t>(i), headers_[i]);
   }
-  ThrowOnWaveResult(api_.Restart(waveOut_));
   stopMutex_ = new NSFerrand::CLockableMutex(true);
   sampleRate_ = sampleRate;
   targetBlocks_ = target;
   bufferFrames_ = bufferFrames;
   running_ = true;
+  // The pump polls before the device starts: its first look at the headers
+  // does not wait for a thread to be made and scheduled, time in which a
+  // device that completes headers early would find the queue empty.
   thread_ = new NSFerrand::CTimedThread(this, NSFerrand::kPriorityTimeCritical,
                                         "COpenMMESoundDriver");
+  ThrowOnWaveResult(api_.Restart(waveOut_));
 }
 
 void COpenMMESoundDriver::WriteBlock(uint32_t slice, SWaveHeader& header) {
@@ -162,6 +165,8 @@ bool COpenMMESoundDriver::StreamPump() {
     for (;;) {
       const int32_t target = targetBlocks_.load();
       if (static_cast<int32_t>(queued) >= target || passTotal >= 2 * target) return wrote;
+      // A closing waits for the Render in progress, not for a second one.
+      if (stopping_.load(std::memory_order_relaxed)) return wrote;
       const int32_t need = target - static_cast<int32_t>(queued);
       renderer_->Render(static_cast<uint32_t>(need) * kMMEBlockFrames, inputs_, outputs_, 0, 0,
                         0, 0);
@@ -188,21 +193,26 @@ void COpenMMESoundDriver::Run() {
     } catch (...) {
     }
     // The opener's release of the stop mutex is the signal to end.
-    const NSPlatform::EWaitResult stop = stopMutex_->WaitResult(1);
-    if (stop == NSPlatform::kWaitTimeout) continue;
-    if (stop == NSPlatform::kWaitObject || stop == NSPlatform::kWaitAbandoned) {
-      stopMutex_->Unlock();
-      return;
+    switch (StopWaitStep(stopMutex_->WaitResult(1))) {
+      case kPumpAgain: continue;
+      case kStopAsked: stopMutex_->Unlock(); return;
+      case kWaitBroken: failed_ = true; return;
     }
-    // A wait that fails would make the loop spin: the stream cannot be kept
-    // up any longer, and the driver says so.
-    failed_ = true;
-    return;
+  }
+}
+
+EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result) {
+  switch (result) {
+    case NSPlatform::kWaitTimeout: return kPumpAgain;
+    case NSPlatform::kWaitObject:
+    case NSPlatform::kWaitAbandoned: return kStopAsked;
+    default: return kWaitBroken;
   }
 }
 
 void COpenMMESoundDriver::CloseStream() {
   if (waveOut_ == nullptr) return;
+  stopping_ = true;
   if (stopMutex_ != nullptr) {
     try {
       stopMutex_->Unlock();
@@ -244,6 +254,7 @@ void COpenMMESoundDriver::CloseStream() {
   for (float* buffer : inputs_) FreeAligned(buffer);
   outputs_.clear();
   inputs_.clear();
+  stopping_ = false;
 }
 
 NSFerrand::CSoundDriverSettings& COpenMMESoundDriver::GetSettings(

@@ -286,3 +286,97 @@ TEST_F(NullDriverTest, ClosingWhileRenderingIsClean) {
   }
   EXPECT_GT(renderer.calls.load(), 0);
 }
+
+TEST_F(NullDriverTest, HostileRatesOpenAtTheNearestOfTheFive) {
+  const uint32_t expected[][2] = {{0, 44100}, {7, 44100}, {0x7FFFFFFFu, 192000},
+                                  {0x80000000u, 192000}, {0xFFFFFFFFu, 192000}};
+  for (const auto& row : expected) {
+    CSoundDriverSettings request = Settings(row[0], 512, 1, 1);
+    auto driver = Open(&request);
+    CSoundDriverSettings s;
+    driver->GetSettings(s);
+    EXPECT_EQ(s.sampleRate, row[1]) << row[0];
+  }
+}
+
+TEST_F(NullDriverTest, SizesAreKeptBetweenAMillisecondAndASecondOrSo) {
+  // Requested frames, frames kept, period at 44100 and at 192000.
+  const uint32_t expected[][4] = {{0, 192, 4, 1},          {1, 192, 4, 1},
+                                  {32, 192, 4, 1},         {192, 192, 4, 1},
+                                  {20000, 20000, 453, 104}, {32768, 32768, 743, 170},
+                                  {32769, 32768, 743, 170}, {0x80000000u, 32768, 743, 170},
+                                  {0xFFFFFFFFu, 32768, 743, 170}};
+  auto driver = Open(nullptr);
+  for (const auto& row : expected) {
+    for (uint32_t rate : {44100u, 192000u}) {
+      driver->ApplySettings(Settings(rate, row[0], 1, 1));
+      CSoundDriverSettings s;
+      driver->GetSettings(s);
+      EXPECT_EQ(s.bufferFrames, row[1]) << row[0];
+      EXPECT_EQ(s.sampleRate, rate);
+      // The period follows a rebuild; a rate change alone keeps it.
+      driver->ApplySettings(Settings(rate, 4096, 1, 1));
+      driver->ApplySettings(Settings(rate, row[0], 1, 1));
+      EXPECT_EQ(PeriodOf(driver), rate == 44100u ? row[2] : row[3]) << row[0] << " " << rate;
+    }
+  }
+  const int before = renderer.calls.load();
+  ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() > before; }));
+  EXPECT_LE(renderer.lastFrames.load(), kNullDriverMaxFrames);
+}
+
+TEST_F(NullDriverTest, WhatIsKeptInsteadOfARequestIsAChange) {
+  auto driver = Open(nullptr);
+  driver->ApplySettings(Settings(48000, 1024, 1, 1));
+  driver->TakeSettingsChanged();
+  driver->ApplySettings(Settings(48000, 16, 1, 1));
+  EXPECT_TRUE(driver->TakeSettingsChanged());
+  driver->ApplySettings(Settings(48000, 192, 1, 1));
+  EXPECT_FALSE(driver->TakeSettingsChanged());
+  driver->ApplySettings(Settings(47000, 192, 1, 1));
+  EXPECT_TRUE(driver->TakeSettingsChanged());
+}
+
+TEST_F(NullDriverTest, ASlowRenderDelaysARebuildAndAClosingByOneRenderAtMost) {
+  // A period of 100 ms, and renders of 200.
+  struct Slow final : MSoundRenderer {
+    uint32_t Render(uint32_t, const CChannelPointers&, CChannelPointers&, uint64_t, uint64_t,
+                    uint64_t, uint64_t) override {
+      ++calls;
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      return 0;
+    }
+    std::atomic<int> calls{0};
+  };
+  Slow slow;
+  CNullRegisteredDriver registered;
+  CSoundDriverSettings request = Settings(44100, 4410, 1, 1);
+  std::unique_ptr<CABCOpenSoundDriver> slowDriver(registered.OpenWithSettings(request, &slow, nullptr));
+  slowDriver->ApplySettings(request);
+  ASSERT_TRUE(WaitFor([&] { return slow.calls.load() >= 3; }));
+  const auto bound = std::chrono::milliseconds(200 + 1000);
+  auto before = std::chrono::steady_clock::now();
+  slowDriver->ApplySettings(Settings(44100, 2205, 1, 1));
+  EXPECT_LT(std::chrono::steady_clock::now() - before, bound);
+  ASSERT_TRUE(WaitFor([&] { return slow.calls.load() >= 6; }));
+  before = std::chrono::steady_clock::now();
+  slowDriver.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - before, bound);
+}
+
+TEST_F(NullDriverTest, ARebuildThatFailsRendersOnWithTheOldBuffers) {
+  auto driver = Open(nullptr);
+  driver->TakeSettingsChanged();
+  {
+    AllocationCounter::CFailAbove refuse(64 * 1024);
+    EXPECT_THROW(driver->ApplySettings(Settings(44100, 32768, 1, 1)), std::bad_alloc);
+  }
+  CSoundDriverSettings s;
+  driver->GetSettings(s);
+  EXPECT_EQ(s.bufferFrames, 4096u);
+  EXPECT_EQ(PeriodOf(driver), 92u);
+  driver->CheckAlive();
+  const int before = renderer.calls.load();
+  ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() > before; }));
+  EXPECT_EQ(renderer.lastFrames.load(), 4096u);
+}

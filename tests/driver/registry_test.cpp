@@ -194,3 +194,12 @@ TEST(FindNearestValue, TiesGoToTheEarlierEntry) {
   EXPECT_EQ(FindNearestValue({44100, 48000, 88200, 96000, 192000}, 1000000), 192000u);
   EXPECT_EQ(FindNearestValue({44100, 48000, 88200, 96000, 192000}, 0), 44100u);
 }
+
+TEST(FindNearestValue, EntriesAndTargetsOfTwoToTheThirtyFirstAndAbove) {
+  EXPECT_EQ(FindNearestValue({44100, 0x80000000u}, 0x7FFFFFFF), 0x80000000u);
+  EXPECT_EQ(FindNearestValue({0x80000000u, 0xFFFFFFFFu}, 0), 0x80000000u);
+  EXPECT_EQ(FindNearestValue({44100, 48000, 88200, 96000, 192000}, 0xFFFFFFFFu), 192000u);
+  EXPECT_EQ(FindNearestValue({0xFFFFFFFFu, 44100}, -2147483647 - 1), 44100u);
+  EXPECT_EQ(FindNearestValue({0, 0xFFFFFFFFu}, 0x7FFFFFFF), 0u);
+  EXPECT_EQ(FindNearestValue({0, 0xFFFFFFFFu}, 0x80000000u), 0xFFFFFFFFu);
+}

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -133,6 +134,41 @@ class LibraryFixture : public ::testing::Test {
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;
   TestHost host;
+};
+
+// The library over the system's own wave-out functions, and the first MME
+// driver it lists. Under Wine the test scripts give it a device (ALSA into a
+// JACK server) and say so; natively there is none, and the test skips.
+class RealWaveOutFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetPlatformProvider(nullptr);
+    uint32_t status = 0;
+    library = Quillon_Create("IQuillon2", nullptr, &status);
+    ASSERT_NE(library, nullptr);
+    specs = library->GetDriverSpecs(&status);
+    ASSERT_NE(specs, nullptr);
+    for (int64_t i = 0; i < specs->GetSize() && mme == nullptr; ++i) {
+      SDriverSpecKey key;
+      specs->GetData()[i]->GetKeyRecord(&key);
+      if (std::u16string(reinterpret_cast<const char16_t*>(key.family)) == u"MME") {
+        mme = specs->GetData()[i];
+      }
+    }
+    if (mme == nullptr) {
+      const char* expected = std::getenv("QUILLON_EXPECT_WAVE_OUT");
+      ASSERT_FALSE(expected != nullptr && expected[0] == '1') << "no wave-out device is listed";
+      GTEST_SKIP() << "this system has no wave-out device";
+    }
+  }
+  void TearDown() override {
+    QuillonDestroy(specs);
+    QuillonDestroy(library);
+  }
+
+  IQuillon* library = nullptr;
+  IVector<const IDriverSpec*>* specs = nullptr;
+  const IDriverSpec* mme = nullptr;
 };
 
 // Byte sinks and sources of a host, over memory, answering chosen statuses.

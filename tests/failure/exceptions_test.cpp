@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <type_traits>
 
 #include "failure/builder.h"
@@ -172,4 +173,16 @@ TEST(ExceptionWithoutStorage, ReferenceOutlivingTheStorageIsHarmless) {
   delete storage;
   delete survivor;
   SUCCEED();
+}
+
+TEST(ExceptionWithoutStorage, ACopyAfterTheStorageHasGoneIsMadeWithoutItsBody) {
+  auto* storage = new CThreadSafeExceptionBodyStorage();
+  SetExceptionBodyStorage(storage);
+  XOpen original(CExceptionBodyRef::Adopt(storage->CreateBody(CSourcePosition())), "late");
+  SetExceptionBodyStorage(nullptr);
+  delete storage;
+  std::unique_ptr<XOpen> copy;
+  EXPECT_NO_THROW(copy.reset(new XOpen(original)));
+  EXPECT_EQ(copy->GetBodyId(), kNoBody);
+  EXPECT_STREQ(copy->what(), "late");
 }

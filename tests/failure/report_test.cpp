@@ -216,3 +216,17 @@ TEST(AssertionHook, HandlerReceivesEverythingInOrder) {
   SetAssertionHandler(nullptr);
   EXPECT_EQ(handler.log, "value(5)failed(6,7)begintext(8,6)endbegintext(1,1023)end");
 }
+
+TEST_F(ReportTest, NoTableIsAnEmptyTable) {
+  const uint32_t computed = StatusFromFailure(kFailureCode_RuntimeError_Open, "", kRange, nullptr);
+  EXPECT_EQ(computed, kRange.base + PackFailure(kFailureCode_RuntimeError_Open, "",
+                                                ProgramTargetWords()));
+  try {
+    RaiseFailure(XOpen());
+  } catch (const std::exception& e) {
+    EXPECT_EQ(StatusFromException(&e, kRange, nullptr, CSourcePosition()), computed);
+  }
+  // A number in the range comes back tunnelled; one outside it bare.
+  EXPECT_THROW(ThrowFromStatus(kRange.base + 5, kRange, nullptr, CSourcePosition()), std::exception);
+  EXPECT_THROW(ThrowFromStatus(7, kRange, nullptr, CSourcePosition()), std::exception);
+}

@@ -180,3 +180,35 @@ TEST(GlobalStorage, CheckedAccessRaisesWithoutOne) {
   ASSERT_EQ(GetExceptionBodyStorageUnchecked(), nullptr);
   EXPECT_THROW(GetExceptionBodyStorage(), std::exception);
 }
+
+TEST(ThreadSafeStorage, AReservedTableWaitsForTheNextThreadAndAnEndedThreadGivesItsBack) {
+  CThreadSafeExceptionBodyStorage s;
+  s.EnterScope();
+  EXPECT_EQ(s.GetTableCount(), 1u);
+  s.ReserveThreadTable();
+  s.ReserveThreadTable();  // one free table is enough
+  EXPECT_EQ(s.GetTableCount(), 2u);
+  BodyId firstId = 0;
+  std::thread first([&] {
+    firstId = s.CreateBody(CSourcePosition());
+    s.EnterScope();
+    s.ReleaseThreadTable();
+  });
+  first.join();
+  EXPECT_EQ(s.GetTableCount(), 2u);
+  for (int i = 0; i < 20; ++i) {
+    std::thread next([&] {
+      // The table comes back empty, and its ids go on counting.
+      EXPECT_EQ(s.GetScopeDepth(), 0);
+      std::vector<BodyId> ids;
+      s.GetBodyIds(ids);
+      EXPECT_TRUE(ids.empty());
+      EXPECT_GT(s.CreateBody(CSourcePosition()), firstId);
+      s.ReleaseThreadTable();
+    });
+    next.join();
+  }
+  EXPECT_EQ(s.GetTableCount(), 2u);
+  // The thread that made the storage keeps its own table throughout.
+  EXPECT_EQ(s.GetScopeDepth(), 1);
+}

@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "driver/kernel_paths.h"
 #include "driver/kernels.h"
 #include "kernels/reference.h"
 
@@ -359,4 +360,11 @@ TEST(KernelEdges, ShiftedFactorsAreComputedOnce) {
   const int32_t wide = 1 << 20;
   ShiftedInt32ToFloat(&wide, out, 1, 16);
   EXPECT_EQ(out[0], 32.0f);
+}
+
+TEST(KernelDispatch, NoPathUsesAKernelSlowerThanTheScalarLoop) {
+  // Packed 24-bit samples measured slower with SSE2 than with the scalar
+  // loop: that path takes the scalar loops for them.
+  EXPECT_EQ(kSse2Kernels.floatToInt24, kScalarKernels.floatToInt24);
+  EXPECT_EQ(kSse2Kernels.int24ToFloat, kScalarKernels.int24ToFloat);
 }

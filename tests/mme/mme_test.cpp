@@ -27,6 +27,7 @@ class BlockRenderer final : public MSoundRenderer {
     if (n == 3) allocationsAtThird = allocations;
     allocationsLatest = allocations;
     lastFrames = frames;
+    if (frames > mostFrames.load()) mostFrames = frames;
     totalFrames += frames;
     lastInputs = inputs.size();
     lastOutputs = outputs.size();
@@ -39,6 +40,7 @@ class BlockRenderer final : public MSoundRenderer {
   }
   std::atomic<uint64_t> calls{0};
   std::atomic<uint32_t> lastFrames{0};
+  std::atomic<uint32_t> mostFrames{0};
   std::atomic<uint64_t> totalFrames{0};
   std::atomic<size_t> lastInputs{9};
   std::atomic<size_t> lastOutputs{9};
@@ -383,4 +385,84 @@ TEST_F(MMETest, AClientOnAFailingDeviceGoesOnSilently) {
   EXPECT_TRUE(handle.IsDriverLost());
   EXPECT_TRUE(WaitFor([&] { return counter.silent.load() > 0; }));
   fake.Fail(Fakes::kWaveWrite, 0, 0);
+}
+
+TEST_F(MMETest, HostileSizesAreKeptWithinTheRing) {
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {44100}));
+  fake.realTime = false;
+  const uint32_t expected[][2] = {{0, 1024},     {1, 1024},     {32, 1024},
+                                  {1024, 1024},  {1100, 1100},  {16384, 16384},
+                                  {20000, 16384}, {0x80000000u, 16384}, {0xFFFFFFFFu, 16384}};
+  for (const auto& row : expected) {
+    CSoundDriverSettings wanted = Settings(44100, row[0]);
+    auto driver = Open(0, &wanted);
+    CSoundDriverSettings s;
+    driver->GetSettings(s);
+    EXPECT_EQ(s.bufferFrames, row[1]) << row[0];
+    EXPECT_EQ(driver->TargetBlockCount(), TargetBlocks(row[1])) << row[0];
+  }
+  // The same rate applied keeps the stream; the size is limited all the same.
+  CSoundDriverSettings wanted = Settings(44100, 4096);
+  auto driver = Open(0, &wanted);
+  for (const auto& row : expected) {
+    driver->ApplySettings(Settings(44100, row[0]));
+    CSoundDriverSettings s;
+    driver->GetSettings(s);
+    EXPECT_EQ(s.bufferFrames, row[1]) << row[0];
+    fake.Complete(32);
+    const uint64_t written = driver->BlocksWritten();
+    ASSERT_TRUE(WaitFor([&] { return driver->BlocksWritten() > written; }));
+  }
+  EXPECT_EQ(fake.Calls(Fakes::kWaveOpen), 10u);
+  EXPECT_LE(renderer.mostFrames.load(), kMMEMaxFrames);
+}
+
+TEST_F(MMETest, HostileRatesOpenAtTheNearestSupportedRate) {
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {44100, 48000}));
+  const uint32_t expected[][2] = {{0, 44100}, {7, 44100}, {46050, 44100}, {46051, 48000},
+                                  {0xFFFFFFFFu, 48000}};
+  for (const auto& row : expected) {
+    CSoundDriverSettings wanted = Settings(row[0], 2048);
+    auto driver = Open(0, &wanted);
+    CSoundDriverSettings s;
+    driver->GetSettings(s);
+    EXPECT_EQ(s.sampleRate, row[1]) << row[0];
+    EXPECT_EQ(fake.LastOpenRate(), row[1]) << row[0];
+  }
+  auto driver = Open(0, nullptr);
+  driver->ApplySettings(Settings(0xFFFFFFFFu, 2048));
+  EXPECT_EQ(fake.LastOpenRate(), 48000u);
+  driver->ApplySettings(Settings(0, 0));
+  EXPECT_EQ(fake.LastOpenRate(), 44100u);
+  CSoundDriverSettings s;
+  driver->GetSettings(s);
+  EXPECT_EQ(s.bufferFrames, 1024u);
+  driver->CheckAlive();
+}
+
+TEST_F(MMETest, ARateChangeWhoseReopenFailsClosesTheDeviceAndFails) {
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {44100, 48000}));
+  for (Fakes::EWaveCall call :
+       {Fakes::kWaveOpen, Fakes::kWavePrepare, Fakes::kWavePause, Fakes::kWaveWrite,
+        Fakes::kWaveRestart}) {
+    auto driver = Open(0, nullptr);
+    fake.Fail(call, kMMSysErrNoDriver, 1);
+    EXPECT_TRUE(RaisesWithAudioDriver<NSMarlet::XOpen>(
+        [&] { driver->ApplySettings(Settings(48000, 4096)); }))
+        << call;
+    // Nothing is left open and paused without a thread, and the driver says so.
+    EXPECT_FALSE(driver->StreamOpen()) << call;
+    EXPECT_EQ(fake.OpenStreams(), 0u) << call;
+    EXPECT_TRUE(RaisesWithAudioDriver<NSMarlet::XNotReady>([&] { driver->CheckAlive(); }))
+        << call;
+    driver.reset();
+    EXPECT_EQ(fake.OpenStreams(), 0u) << call;
+  }
+}
+
+TEST(MMEStreamingThread, AFailedWaitEndsTheThreadInsteadOfSpinning) {
+  EXPECT_EQ(StopWaitStep(NSPlatform::kWaitTimeout), kPumpAgain);
+  EXPECT_EQ(StopWaitStep(NSPlatform::kWaitObject), kStopAsked);
+  EXPECT_EQ(StopWaitStep(NSPlatform::kWaitAbandoned), kStopAsked);
+  EXPECT_EQ(StopWaitStep(NSPlatform::kWaitFailed), kWaitBroken);
 }

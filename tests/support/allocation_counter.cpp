@@ -6,9 +6,11 @@
 
 namespace {
 thread_local uint64_t tCount = 0;
+thread_local uint64_t tRefuseAbove = ~uint64_t{0};
 std::atomic<uint64_t> gTotal{0};
 
 void* Allocate(size_t size) {
+  if (size > tRefuseAbove) throw std::bad_alloc();
   ++tCount;
   gTotal.fetch_add(1, std::memory_order_relaxed);
   for (;;) {
@@ -22,6 +24,11 @@ void* Allocate(size_t size) {
 
 uint64_t AllocationCounter::OnThisThread() { return tCount; }
 uint64_t AllocationCounter::Total() { return gTotal.load(); }
+
+AllocationCounter::CFailAbove::CFailAbove(uint64_t bytes) : former_(tRefuseAbove) {
+  tRefuseAbove = bytes;
+}
+AllocationCounter::CFailAbove::~CFailAbove() { tRefuseAbove = former_; }
 
 void* operator new(size_t size) { return Allocate(size); }
 void* operator new[](size_t size) { return Allocate(size); }

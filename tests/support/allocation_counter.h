@@ -12,6 +12,19 @@ uint64_t OnThisThread();
 // Allocations made so far on all threads.
 uint64_t Total();
 
+// While one lives, operator new on the constructing thread refuses every
+// request above that many bytes with std::bad_alloc, as a full heap would.
+class CFailAbove {
+ public:
+  explicit CFailAbove(uint64_t bytes);
+  ~CFailAbove();
+  CFailAbove(const CFailAbove&) = delete;
+  CFailAbove& operator=(const CFailAbove&) = delete;
+
+ private:
+  uint64_t former_;
+};
+
 }  // namespace AllocationCounter
 
 #endif

@@ -111,3 +111,11 @@ TEST_F(WideTextTest, ReplaceCharacters) {
                 [] { ReplaceCharacters(u"x", "\xE9", u'_'); }),
             "");
 }
+
+TEST(FormatText, ANegativeSeedAndALongDigitRunNeitherOverflowNorName) {
+  const std::vector<CWideString> args = {u"a", u"b"};
+  EXPECT_EQ(FormatText(u"[^99999999999999999999999999]", -1, args), u"[]");
+  EXPECT_EQ(FormatText(u"[^0]", -2147483647 - 1, args), u"[]");
+  EXPECT_EQ(FormatText(u"[^123456789012345678901234567890]", -2147483647 - 1, args), u"[]");
+  EXPECT_EQ(FormatText(u"[^1]", 0, args), u"[b]");
+}
