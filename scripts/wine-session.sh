@@ -14,7 +14,9 @@ wineserver=/usr/lib/wine/wineserver64
 
 session=$(mktemp -d /tmp/quillon-wine.XXXXXX)
 export WINEPREFIX=$session/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" WINEARCH=win64
-export HOME=$session/home JACK_NO_START_SERVER=1
+# A JACK server of the session's own name: sessions side by side (two clones,
+# say) never meet in one server.
+export HOME=$session/home JACK_NO_START_SERVER=1 JACK_DEFAULT_SERVER=quillon-$$
 unset DISPLAY
 mkdir -p "$HOME"
 printf 'pcm.!default { type plug slave.pcm "jack" }\n' > "$HOME/.asoundrc"
@@ -49,7 +51,7 @@ export QUILLON_WINESERVER_PID=$server_pid
 # time: in the real-time class where the machine allows it, so that a loaded
 # machine slows Wine and the library, never the device's clock.
 start_jackd() {
-  jackd "$1" -d dummy -r 48000 -p 256 >"$session/jackd.log" 2>&1 </dev/null &
+  jackd "$1" -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 256 >"$session/jackd.log" 2>&1 </dev/null &
   jackd_pid=$!
   for _ in $(seq 50); do
     jack_lsp >/dev/null 2>&1 && return 0

@@ -136,6 +136,16 @@ class LibraryFixture : public ::testing::Test {
   TestHost host;
 };
 
+// A flat record with the first output pair on, and nothing else.
+inline SClientSettings Stereo(uint32_t rate, uint32_t frames) {
+  SClientSettings flat;
+  std::memset(&flat, 0, sizeof flat);
+  flat.sampleRate = rate;
+  flat.bufferFrames = frames;
+  flat.outputPairEnabled[0] = 1;
+  return flat;
+}
+
 // The library over the system's own wave-out functions, and the first MME
 // driver it lists. Under Wine the test scripts give it a device (ALSA into a
 // JACK server) and say so; natively there is none, and the test skips.

@@ -44,15 +44,6 @@ class HostileHost final : public IClientHost {
 const uint32_t kHostileSizes[] = {0, 1, 32, 20000, 0x80000000u, 0xFFFFFFFFu};
 const uint32_t kHostileRates[] = {0, 7, 0xFFFFFFFFu};
 
-SClientSettings Stereo(uint32_t rate, uint32_t frames) {
-  SClientSettings flat;
-  std::memset(&flat, 0, sizeof flat);
-  flat.sampleRate = rate;
-  flat.bufferFrames = frames;
-  flat.outputPairEnabled[0] = 1;
-  return flat;
-}
-
 // Every hostile size at a usual rate, and every hostile rate at a usual size.
 std::vector<SClientSettings> HostileRecords() {
   std::vector<SClientSettings> records;
