@@ -30,7 +30,7 @@ summary() {
   echo
   echo "== summary"
   printf '%s\n' "${results[@]}"
-  echo "$(( ${#names[@]} - failed )) passed, $failed failed"
+  echo "stages: $(( ${#names[@]} - failed )) passed, $failed failed"
 }
 
 if ! bash scripts/setup.sh; then
