@@ -1,5 +1,6 @@
 #include "driver/null_driver.h"
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 
@@ -11,9 +12,7 @@ namespace NSFerrand {
 const uint32_t kStandardSampleRates[5] = {44100, 48000, 88200, 96000, 192000};
 
 uint32_t NullDriverFramesFor(uint32_t requested) {
-  if (requested < kNullDriverMinFrames) return kNullDriverMinFrames;
-  if (requested > kNullDriverMaxFrames) return kNullDriverMaxFrames;
-  return requested;
+  return std::clamp(requested, kNullDriverMinFrames, kNullDriverMaxFrames);
 }
 
 namespace {

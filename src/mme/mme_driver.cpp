@@ -1,5 +1,6 @@
 #include "mme/mme_driver.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -41,9 +42,7 @@ void FreeAligned(void* memory) {
 }  // namespace
 
 uint32_t MMEFramesFor(uint32_t requested) {
-  if (requested < kMMEMinFrames) return kMMEMinFrames;
-  if (requested > kMMEMaxFrames) return kMMEMaxFrames;
-  return requested;
+  return std::clamp(requested, kMMEMinFrames, kMMEMaxFrames);
 }
 
 int32_t TargetBlocks(uint32_t bufferFrames) {
