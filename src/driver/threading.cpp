@@ -39,11 +39,6 @@ bool CLockableMutex::TimedLock(uint32_t milliseconds) {
   }
 }
 
-bool CLockableMutex::Wait(uint32_t milliseconds) {
-  const NSPlatform::EWaitResult result = WaitResult(milliseconds);
-  return result == NSPlatform::kWaitObject || result == NSPlatform::kWaitAbandoned;
-}
-
 NSPlatform::EWaitResult CLockableMutex::WaitResult(uint32_t milliseconds) {
   return NSPlatform::WaitMutex(mutex_, milliseconds);
 }

@@ -24,9 +24,8 @@ class CLockableMutex {
   void Lock();
   // Tries, then tries every millisecond until the time is over; 0 ms is one try.
   bool TimedLock(uint32_t milliseconds);
-  // One wait of the system, at most that long.
-  bool Wait(uint32_t milliseconds);
-  // The same, telling a time-out from a wait that failed.
+  // One wait of the system, at most that long, telling a time-out from a
+  // wait that failed.
   NSPlatform::EWaitResult WaitResult(uint32_t milliseconds);
   // Raises when the caller is not the owner.
   void Unlock();
