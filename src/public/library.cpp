@@ -31,6 +31,10 @@ CQuillonImpl::CQuillonImpl(const SLibraryParams* params) {
     }
     driversLoaded_ = 1;
     timerPeriod_ = new CTimerPeriodScope(kTimerPeriodMs);
+    // ASIO drivers take the host's window: without one there is no family.
+    if (gWindowHandle != nullptr) {
+      asioFamily_ = new NSASIO::CASIOFamilyScope(*PlatformProvider().asio, false, gWindowHandle);
+    }
     // MME needs no window: it is there whether the host gave one or not.
     mmeFamily_ = new NSMME::CMMEFamilyScope(*PlatformProvider().waveOut);
   } catch (...) {
@@ -50,6 +54,8 @@ CQuillonImpl::~CQuillonImpl() {
 void CQuillonImpl::Teardown() {
   try {
     gCurrentLibrary = nullptr;
+    delete asioFamily_;
+    asioFamily_ = nullptr;
     delete mmeFamily_;
     mmeFamily_ = nullptr;
     delete timerPeriod_;

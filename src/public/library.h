@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "asio/asio_family.h"
 #include "driver/registry.h"
 #include "mme/mme_family.h"
 #include "public/boundary_object.h"
@@ -52,6 +53,7 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   // Created first and released last: the families register in it.
   NSFerrand::CRegistryRef* registryRef_ = nullptr;
   CTimerPeriodScope* timerPeriod_ = nullptr;
+  NSASIO::CASIOFamilyScope* asioFamily_ = nullptr;
   NSMME::CMMEFamilyScope* mmeFamily_ = nullptr;
 };
 

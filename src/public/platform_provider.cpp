@@ -9,8 +9,11 @@ const SPlatformProvider* gProvider = nullptr;
 void SetPlatformProvider(const SPlatformProvider* provider) { gProvider = provider; }
 
 SPlatformProvider PlatformProvider() {
-  if (gProvider != nullptr) return *gProvider;
-  return SPlatformProvider{&NSMME::SystemWaveOut()};
+  SPlatformProvider provider = {&NSMME::SystemWaveOut(), &NSASIO::SystemASIOPlatform()};
+  if (gProvider == nullptr) return provider;
+  if (gProvider->waveOut != nullptr) provider.waveOut = gProvider->waveOut;
+  if (gProvider->asio != nullptr) provider.asio = gProvider->asio;
+  return provider;
 }
 
 }  // namespace NSQuillon2

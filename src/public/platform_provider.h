@@ -4,12 +4,15 @@
 #ifndef QUILLON_PUBLIC_PLATFORM_PROVIDER_H
 #define QUILLON_PUBLIC_PLATFORM_PROVIDER_H
 
+#include "asio/asio_platform.h"
 #include "mme/wave_out.h"
 
 namespace NSQuillon2 {
 
 struct SPlatformProvider {
   NSMME::IWaveOut* waveOut;
+  // Null: the system's ASIO operations.
+  NSASIO::IASIOPlatform* asio;
 };
 
 // Null puts the system's operations back.

@@ -125,7 +125,7 @@ class LibraryFixture : public ::testing::Test {
   }
 
   Fakes::CFakeWaveOut noWaveOut;
-  SPlatformProvider provider{&noWaveOut};
+  SPlatformProvider provider{&noWaveOut, nullptr};
   std::unique_ptr<NSFerrand::CRegistryRef> registryHold;
   std::shared_ptr<Fakes::CFakeDriverControl> control;
   std::shared_ptr<Fakes::CFakeDriverControl> otherControl;

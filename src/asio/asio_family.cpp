@@ -1,0 +1,310 @@
+#include "asio/asio_family.h"
+
+#include <algorithm>
+#include <new>
+
+#include "asio/asio_driver_list.h"
+#include "failure/builder.h"
+#include "failure/scope.h"
+#include "text/code_conversions.h"
+
+namespace NSASIO {
+
+using NSFerrand::CABCOpenSoundDriver;
+using NSFerrand::COpenSoundDriverInfo;
+using NSFerrand::CRegisteredSoundDriverInfo;
+
+const char16_t kASIOFamilyWord[] = u"ASIO";
+const char16_t kASIOKeyFormat[] = u"Ferrand ASIO ^0";
+
+namespace {
+
+class CASIOFamily {
+ public:
+  CASIOFamily(IASIOPlatform& platform, bool filterByHardware);
+  ~CASIOFamily();
+  CASIOFamily(const CASIOFamily&) = delete;
+  CASIOFamily& operator=(const CASIOFamily&) = delete;
+
+  void Register();
+  const std::vector<CWideString>& Names() const { return driverNames_; }
+
+ private:
+  bool filterByHardware_;
+  NSFerrand::CRegistryRef registry_;
+  std::vector<CWideString> driverNames_;
+};
+
+int32_t familyCount = 0;
+CASIOFamily* familyObject = nullptr;
+
+CWideString KeyOf(const CWideString& driverName) {
+  return NSTextPackage::FormatText(kASIOKeyFormat, 0, {driverName});
+}
+
+CASIOFamily::CASIOFamily(IASIOPlatform& platform, bool filterByHardware)
+    : filterByHardware_(filterByHardware) {
+  try {
+    LoadDriverList(platform);
+    if (driverList != nullptr) driverList->GetDriverNames(driverNames_, kMaxDriverNames);
+    Register();
+  } catch (...) {
+    try {
+      NSFerrand::RemoveFamily(kASIOFamilyWord);
+    } catch (...) {
+    }
+    UnloadDriverList();
+    throw;
+  }
+}
+
+CASIOFamily::~CASIOFamily() {
+  try {
+    NSFerrand::RemoveFamily(kASIOFamilyWord);
+  } catch (...) {
+  }
+  try {
+    UnloadDriverList();
+  } catch (...) {
+  }
+}
+
+void CASIOFamily::Register() {
+  std::vector<CWideString> alive;
+  for (uint16_t index = 0; index < driverNames_.size(); ++index) {
+    CASIORegisteredSoundDriver* driver = nullptr;
+    try {
+      const CWideString& name = driverNames_[index];
+      const CWideString shown = StripASIOPrefix(name);
+      if (shown.empty()) continue;
+      if (filterByHardware_) {
+        std::string identity;
+        if (ProbeHardwareIdentity(name, identity) && identity.empty()) continue;
+      }
+      driver = new CASIORegisteredSoundDriver(name, shown);
+      CRegisteredSoundDriverInfo info;
+      driver->GetInfo(info);
+      // The registry keeps the driver it has under a key it knows.
+      if (!NSFerrand::AddRegisteredDriver(driver)) delete driver;
+      driver = nullptr;
+      alive.push_back(info.key);
+    } catch (...) {
+      delete driver;
+    }
+  }
+  NSFerrand::CRegisteredDriverList drivers;
+  NSFerrand::GetRegisteredDrivers(drivers);
+  std::vector<NSFerrand::CABCRegisteredSoundDriver*> gone;
+  for (const NSFerrand::CRegisteredDriverPtr& driver : drivers) {
+    CRegisteredSoundDriverInfo info;
+    driver->GetInfo(info);
+    if (info.family != kASIOFamilyWord) continue;
+    if (std::find(alive.begin(), alive.end(), info.key) == alive.end()) gone.push_back(driver.get());
+  }
+  for (NSFerrand::CABCRegisteredSoundDriver* driver : gone) NSFerrand::RemoveRegisteredDriver(driver);
+}
+
+}  // namespace
+
+CWideString StripASIOPrefix(const CWideString& name) {
+  if (name.compare(0, 5, u"ASIO ") == 0) return name.substr(5);
+  return name;
+}
+
+bool ProbeHardwareIdentity(const CWideString& name, std::string& identity) {
+  identity.clear();
+  SGuid clsid = {};
+  if (driverList == nullptr || !FindDriverClsid(name, clsid)) return false;
+  IASIOPlatform& platform = driverList->Platform();
+  void* object = nullptr;
+  if (platform.CoCreateInstance(clsid, kContextInprocServer, clsid, &object) != kHResultOk ||
+      object == nullptr) {
+    return false;
+  }
+  auto* driver = static_cast<IASIO*>(object);
+  void* named = nullptr;
+  if (driver->QueryInterface(kIIDHardwareIdentity, &named) != kHResultOk || named == nullptr) {
+    driver->Release();
+    return false;
+  }
+  auto* hardware = static_cast<IASIOHardwareIdentity*>(named);
+  char16_t* text = nullptr;
+  if (hardware->GetHardwareIdentity(&text) == kHResultOk && text != nullptr) {
+    try {
+      const CWideString wide(text, platform.SysStringLen(text));
+      platform.SysFreeString(text);
+      text = nullptr;
+      if (!wide.empty()) identity = NSTextPackage::WideToUtf8(wide);
+    } catch (...) {
+      if (text != nullptr) platform.SysFreeString(text);
+      identity.clear();
+    }
+  }
+  hardware->Release();
+  driver->Release();
+  return true;
+}
+
+CASIORegisteredSoundDriver::CASIORegisteredSoundDriver(const CWideString& driverName,
+                                                       const CWideString& displayName)
+    : driverName_(driverName), displayName_(displayName) {}
+
+CABCOpenSoundDriver* CASIORegisteredSoundDriver::OpenWithSettings(
+    const CSoundDriverSettings& settings, NSFerrand::MSoundRenderer* renderer,
+    void* hardwareContext) {
+  return new COpenASIOSoundDriver(driverName_, &settings, renderer, hardwareContext);
+}
+
+CABCOpenSoundDriver* CASIORegisteredSoundDriver::OpenWithDefaults(
+    NSFerrand::MSoundRenderer* renderer, void* hardwareContext) {
+  return new COpenASIOSoundDriver(driverName_, nullptr, renderer, hardwareContext);
+}
+
+CRegisteredSoundDriverInfo& CASIORegisteredSoundDriver::GetInfo(CRegisteredSoundDriverInfo& info) {
+  info.key = KeyOf(driverName_);
+  info.family = kASIOFamilyWord;
+  info.name = displayName_;
+  info.version.clear();
+  info.manufacturer.clear();
+  for (uint8_t& flag : info.flags) flag = 1;
+  return info;
+}
+
+COpenASIOSoundDriver::COpenASIOSoundDriver(const CWideString& driverName,
+                                           const CSoundDriverSettings* settings,
+                                           NSFerrand::MSoundRenderer* renderer,
+                                           void* hardwareContext)
+    : hardwareContext_(hardwareContext) {
+  if (settings != nullptr) {
+    const CSoundDriverSettings copy = *settings;
+    host_ = new CASIODriverHost(driverName, renderer, hardwareContext, &copy);
+    BindHardwareDevice();
+  } else {
+    host_ = new CASIODriverHost(driverName, renderer, hardwareContext, nullptr);
+    try {
+      BindHardwareDevice();
+    } catch (...) {
+      delete host_;
+      host_ = nullptr;
+      throw;
+    }
+  }
+}
+
+COpenASIOSoundDriver::~COpenASIOSoundDriver() {
+  NSMarlet::COptionalFailureScope scope;
+  try {
+    delete host_;
+  } catch (...) {
+  }
+  host_ = nullptr;
+  hardwareDevice_ = nullptr;
+}
+
+void COpenASIOSoundDriver::BindHardwareDevice() {
+  // Without a context, or a driver that names no device, there is nothing
+  // to bind; the shared devices that a context and an identity make come
+  // with the hardware glue.
+  if (hardwareContext_ == nullptr || host_->Identity().empty()) return;
+  hardwareDevice_ = nullptr;
+}
+
+CSoundDriverSettings& COpenASIOSoundDriver::GetSettings(CSoundDriverSettings& settings) {
+  settings.sampleRate = host_->EffectiveRate();
+  settings.bufferFrames = host_->BufferFrames();
+  settings.inputPairs = host_->InputPairs();
+  settings.outputPairs = host_->OutputPairs();
+  settings.clockSource = host_->CurrentClockSource();
+  settings.monitorsValid = host_->MonitorsValid();
+  settings.monitors.resize(static_cast<size_t>(settings.inputPairs.Count() * 2));
+  for (size_t i = 0; i < settings.monitors.size(); ++i) {
+    GetInputMonitor(static_cast<uint32_t>(i), settings.monitors[i]);
+  }
+  return settings;
+}
+
+void COpenASIOSoundDriver::ApplySettings(const CSoundDriverSettings& settings) {
+  const CSoundDriverSettings copy = settings;
+  host_->ApplyNewSettings(copy);
+}
+
+bool COpenASIOSoundDriver::TakeSettingsChanged() { return host_->TakeSettingsChanged(); }
+
+COpenSoundDriverInfo& COpenASIOSoundDriver::GetDriverInfo(COpenSoundDriverInfo& info) {
+  std::vector<CWideString> clocks = host_->ClockSourceNames();
+  std::vector<uint32_t> sizes = host_->BufferSizes();
+  if (std::find(sizes.begin(), sizes.end(), host_->BufferFrames()) == sizes.end()) {
+    sizes.push_back(host_->BufferFrames());
+  }
+  std::sort(sizes.begin(), sizes.end());
+  info.outputNames = host_->OutputNames();
+  info.inputNames = host_->InputNames();
+  info.sampleRates = host_->SampleRates();
+  info.bufferSizes = sizes;
+  info.clockSourceNames = clocks;
+  return info;
+}
+
+int64_t COpenASIOSoundDriver::GetInputLatency() {
+  const uint32_t rate = host_->EffectiveRate();
+  return rate == 0 ? 0 : static_cast<int64_t>(host_->InputLatency()) * 1000000 / rate;
+}
+
+int64_t COpenASIOSoundDriver::GetOutputLatency() {
+  const uint32_t rate = host_->EffectiveRate();
+  return rate == 0 ? 0 : static_cast<int64_t>(host_->OutputLatency()) * 1000000 / rate;
+}
+
+bool COpenASIOSoundDriver::CanMonitorInputs() { return host_->CanMonitorInputs(); }
+
+void COpenASIOSoundDriver::GetInputMonitor(uint32_t input, CInputMonitorSetting& setting) {
+  // A channel the table does not have reads as a record off.
+  const std::vector<CInputMonitorSetting>& monitors = host_->Monitors();
+  setting = input < monitors.size() ? monitors[input] : CInputMonitorSetting();
+}
+
+void COpenASIOSoundDriver::SetInputMonitor(uint32_t input, const CInputMonitorSetting& setting) {
+  host_->SetInputMonitor(input, setting);
+}
+
+bool COpenASIOSoundDriver::HasControlPanel() { return hardwareDevice_ == nullptr; }
+
+bool COpenASIOSoundDriver::HasHardwareDevice() { return hardwareDevice_ != nullptr; }
+
+NSFerrand::CHardwareDevice* COpenASIOSoundDriver::GetHardwareDevice() { return hardwareDevice_; }
+
+bool COpenASIOSoundDriver::ShowControlPanel() { return host_->ShowPanel(); }
+
+void COpenASIOSoundDriver::CheckAlive() { host_->PeriodicCheck(); }
+
+CASIOFamilyScope::CASIOFamilyScope(IASIOPlatform& platform, bool filterByHardware, void* window) {
+  if (familyCount == 0) {
+    hostWindow = window;
+    // A family that cannot be made lists nothing; the library goes on.
+    try {
+      familyObject = new CASIOFamily(platform, filterByHardware);
+    } catch (...) {
+      familyObject = nullptr;
+    }
+  }
+  ++familyCount;
+}
+
+CASIOFamilyScope::~CASIOFamilyScope() {
+  if (--familyCount != 0) return;
+  delete familyObject;
+  familyObject = nullptr;
+  hostWindow = nullptr;
+}
+
+void CASIOFamilyScope::RefreshRegistration() {
+  if (familyObject != nullptr) familyObject->Register();
+}
+
+std::vector<CWideString> CASIOFamilyScope::DriverNames() {
+  return familyObject != nullptr ? familyObject->Names() : std::vector<CWideString>();
+}
+
+bool CASIOFamilyScope::Exists() { return familyObject != nullptr; }
+
+}  // namespace NSASIO
