@@ -35,6 +35,12 @@ class TestHost final : public IClientHost {
     lastOutputsNull = outputs == nullptr;
     lastInputCount = inputCount;
     lastOutputCount = outputCount;
+    if (inputTiming != nullptr && outputTiming != nullptr) {
+      timings[0] = inputTiming->samplePosition;
+      timings[1] = inputTiming->systemTime;
+      timings[2] = outputTiming->samplePosition;
+      timings[3] = outputTiming->systemTime;
+    }
     zeroTimings = inputTiming != nullptr && outputTiming != nullptr &&
                   inputTiming->samplePosition == 0 && inputTiming->systemTime == 0 &&
                   outputTiming->samplePosition == 0 && outputTiming->systemTime == 0;
@@ -77,6 +83,8 @@ class TestHost final : public IClientHost {
   std::atomic<int32_t> lastInputCount{-1};
   std::atomic<int32_t> lastOutputCount{-1};
   std::atomic<bool> zeroTimings{false};
+  // Input position and time, output position and time, of the last call.
+  std::atomic<uint64_t> timings[4] = {};
   std::atomic<uint64_t> silentBlocks{0};
   std::atomic<uint64_t> drivenBlocks{0};
   std::atomic<bool> raiseInRender{false};
