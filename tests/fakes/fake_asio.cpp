@@ -77,9 +77,11 @@ HResult ParseClsid(const char16_t* text, SGuid* clsid) {
 void SFakeASIODevice::Fail(EASIOCall call, ASIOError result, int32_t times) {
   std::lock_guard<std::mutex> hold(lock_);
   failures_[call] = {result, times};
+  anyFailures_ = true;
 }
 
 bool SFakeASIODevice::TakeFailure(EASIOCall call, ASIOError& result) {
+  if (!anyFailures_) return false;
   std::lock_guard<std::mutex> hold(lock_);
   auto it = failures_.find(call);
   if (it == failures_.end() || it->second.second == 0) return false;

@@ -120,6 +120,8 @@ struct SFakeASIODevice {
  private:
   friend class CFakeASIODriver;
   std::mutex lock_;
+  // Calls on the driver's thread skip the lock while nothing is to fail.
+  std::atomic<bool> anyFailures_{false};
   std::map<uint32_t, std::pair<NSASIO::ASIOError, int32_t>> failures_;
   std::vector<std::string> log_;
   CFakeASIODriver* live_ = nullptr;
