@@ -170,7 +170,7 @@ CASIOBufferSet::CASIOBufferSet(ASIOCallbacks* callbacks, int32_t frames,
                                const CChannelBitVector& inputPairs,
                                const CChannelBitVector& outputPairs)
     : frames_(frames) {
-  if (frames_ < 1) RaiseOpen();
+  if (frames_ < 1 || frames_ > kMaxBufferFrames) RaiseOpen();
   silence_.assign(static_cast<size_t>(frames_), 0.0f);
   AppendChannels(inputPairs, frames_, storage_, inputChannels_);
   AppendChannels(outputPairs, frames_, storage_, outputChannels_);

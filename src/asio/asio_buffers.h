@@ -15,6 +15,9 @@ namespace NSASIO {
 // A channel without a driver buffer, and one without a sample type.
 constexpr uint16_t kNoSlot = 65535;
 constexpr uint32_t kNoSampleType = 666;
+// Beyond this a driver's buffer size is no size any interface streams: the
+// open fails rather than allocate gigabytes per channel.
+constexpr int32_t kMaxBufferFrames = 1 << 20;
 
 // Conversions by sample type; the types no kernel serves are left alone.
 // The swap on the way in works in place, in the driver's buffer.

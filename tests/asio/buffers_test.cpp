@@ -131,6 +131,20 @@ TEST_F(BuffersTest, CreateBuffersAnswersBecomeFailures) {
   }
 }
 
+TEST_F(BuffersTest, SizesOfNoFramesOrAbsurdlyManyAreRefusedBeforeTheDriverIsAsked) {
+  auto device = Initialised(2, 2);
+  for (int32_t frames : {0, -64, kMaxBufferFrames + 1, INT32_MAX}) {
+    EXPECT_EQ(FailureCodeOf([&] {
+                CASIOBufferSet set(&callbacks, frames, Pairs({0}, 1), Pairs({0}, 1));
+              }),
+              static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_Open))
+        << frames;
+  }
+  EXPECT_EQ(device->Calls(Fakes::kAsioCreateBuffers), 0u);
+  CASIOBufferSet set(&callbacks, kMaxBufferFrames, CChannelBitVector(), Pairs({0}, 1));
+  EXPECT_EQ(set.Frames(), kMaxBufferFrames);
+}
+
 TEST_F(BuffersTest, ChannelCountsMustBeEvenAndGiven) {
   auto device = Initialised(3, 2);
   int32_t inputs = 0, outputs = 0;

@@ -411,11 +411,13 @@ TEST_F(HostTest, MessagesAnswerAsTheTableSays) {
   EXPECT_EQ(live->Message(kAsioSupportsTimeCode, 0), 0);
   EXPECT_EQ(live->Message(99, 0), 0);
   EXPECT_EQ(live->Message(-3, 0), 0);
-  auto* callbacks = live->Callbacks();
   host.reset();
   // Without an active host every message is answered 0.
-  EXPECT_EQ(callbacks->asioMessage(kAsioEngineVersion, 0, nullptr, nullptr), 0);
-  EXPECT_EQ(callbacks->asioMessage(kAsioSupportsTimeInfo, 0, nullptr, nullptr), 0);
+  EXPECT_EQ(CASIODriverHost::OnAsioMessage(kAsioEngineVersion, 0, nullptr, nullptr), 0);
+  EXPECT_EQ(CASIODriverHost::OnAsioMessage(kAsioSupportsTimeInfo, 0, nullptr, nullptr), 0);
+  CASIODriverHost::OnBufferSwitch(0, 1);
+  CASIODriverHost::OnSampleRateDidChange(44100.0);
+  EXPECT_EQ(CASIODriverHost::OnBufferSwitchTimeInfo(nullptr, 0, 1), nullptr);
 }
 
 TEST_F(HostTest, TheFourTimesAreMovedByTheLatencies) {

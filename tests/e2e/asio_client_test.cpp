@@ -3,6 +3,8 @@
 #endif
 
 #include <chrono>
+#include <cstring>
+#include <limits>
 
 #include "e2e/e2e_support.h"
 #include "fakes/fake_asio.h"
@@ -290,6 +292,48 @@ TEST_F(ASIOClientTest, SwitchingAwayAndBackOpensTheDriverAgain) {
   EXPECT_EQ(running, 1u);
   EXPECT_EQ(device->liveObjects.load(), 1);
   QuillonDestroy(client);
+}
+
+TEST_F(ASIOClientTest, HostileRecordsAreKeptWithinWhatTheDriverOffers) {
+  const float kOdd[] = {std::numeric_limits<float>::quiet_NaN(),
+                        std::numeric_limits<float>::infinity(),
+                        -std::numeric_limits<float>::infinity(), 1e30f, -1e30f, 0.0f};
+  SClientSettings flat;
+  std::memset(&flat, 0, sizeof flat);
+  flat.sampleRate = 0xFFFFFFFFu;
+  flat.bufferFrames = 0x80000000u;
+  flat.clockSource = 0xFFFFFFFFu;
+  flat.monitorsValid = 0xFFFFFFFFu;
+  for (int p = 0; p < 256; ++p) {
+    flat.inputPairEnabled[p] = 1;
+    flat.outputPairEnabled[p] = 1;
+  }
+  for (int m = 0; m < 512; ++m) {
+    flat.monitors[m].enabled = static_cast<uint32_t>(m);
+    flat.monitors[m].pan = kOdd[m % 6];
+    flat.monitors[m].gainDb = kOdd[(m + 1) % 6];
+    flat.monitors[m].outputPair = m % 3 == 0 ? 0xFFFFFFFFu : static_cast<uint32_t>(m);
+  }
+  uint32_t running = 0;
+  uint32_t status = 0;
+  IClient* client =
+      library->CreateClientWithSettings(&host, nullptr, asio, &flat, &running, &status);
+  ASSERT_EQ(status, kStatusOk);
+  EXPECT_EQ(running, 1u);
+  SClientSettings seen;
+  ASSERT_EQ(client->GetClientSettings(&seen), kStatusOk);
+  EXPECT_EQ(seen.sampleRate, 44100u);
+  EXPECT_EQ(seen.bufferFrames, 256u);
+  EXPECT_EQ(seen.inputPairEnabled[0], 1);
+  EXPECT_EQ(seen.inputPairEnabled[1], 0);
+  EXPECT_EQ(seen.outputPairEnabled[1], 1);
+  EXPECT_EQ(seen.outputPairEnabled[2], 0);
+  EXPECT_EQ(client->ApplyClientSettings(&flat, &running), kStatusOk);
+  EXPECT_EQ(running, 1u);
+  const uint64_t blocks = host.drivenBlocks.load();
+  ASSERT_TRUE(WaitFor([&] { return host.drivenBlocks.load() > blocks + 5; }));
+  QuillonDestroy(client);
+  EXPECT_EQ(device->liveObjects.load(), 0);
 }
 
 }  // namespace
