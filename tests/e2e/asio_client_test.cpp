@@ -1,27 +1,14 @@
-#if defined(_WIN32)
-#include <windows.h>
-#endif
-
 #include <chrono>
 #include <cstring>
 #include <limits>
 
 #include "e2e/e2e_support.h"
 #include "fakes/fake_asio.h"
+#include "support/usable_window.h"
 
 using NSASIO::ASE_HWMalfunction;
 
 namespace {
-
-// A window the platform accepts: ASIO drivers need one.
-void* UsableWindow() {
-#if defined(_WIN32)
-  return GetDesktopWindow();
-#else
-  static int someObject = 0;
-  return &someObject;
-#endif
-}
 
 // The library with a fake ASIO driver in the machine's registry, and a host
 // that gave its window.

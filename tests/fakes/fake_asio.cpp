@@ -487,11 +487,11 @@ bool CFakeASIOPlatform::TakeFailure(EASIOPlatformCall call, int32_t& result) {
   return true;
 }
 
-int32_t CFakeASIOPlatform::RegOpenKey(RegistryKey parent, const char16_t* path,
-                                      RegistryKey* key) {
+int32_t CFakeASIOPlatform::OpenKey(EASIOPlatformCall call, RegistryKey parent,
+                                   const char16_t* path, RegistryKey* key) {
   *key = nullptr;
   int32_t result = 0;
-  if (TakeFailure(kPlatformOpenKey, result)) return result;
+  if (TakeFailure(call, result)) return result;
   SKey* found = Find(Root(parent), path, false);
   if (found == nullptr) return kRegistryFileNotFound;
   *key = found;
@@ -499,16 +499,14 @@ int32_t CFakeASIOPlatform::RegOpenKey(RegistryKey parent, const char16_t* path,
   return kRegistryOk;
 }
 
+int32_t CFakeASIOPlatform::RegOpenKey(RegistryKey parent, const char16_t* path,
+                                      RegistryKey* key) {
+  return OpenKey(kPlatformOpenKey, parent, path, key);
+}
+
 int32_t CFakeASIOPlatform::RegOpenKeyEx(RegistryKey parent, const char16_t* path, uint32_t,
                                         RegistryKey* key) {
-  *key = nullptr;
-  int32_t result = 0;
-  if (TakeFailure(kPlatformOpenKeyEx, result)) return result;
-  SKey* found = Find(Root(parent), path, false);
-  if (found == nullptr) return kRegistryFileNotFound;
-  *key = found;
-  ++openKeys_;
-  return kRegistryOk;
+  return OpenKey(kPlatformOpenKeyEx, parent, path, key);
 }
 
 int32_t CFakeASIOPlatform::RegEnumKeyEx(RegistryKey key, uint32_t index, char16_t* name,

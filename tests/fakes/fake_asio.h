@@ -256,6 +256,8 @@ class CFakeASIOPlatform final : public NSASIO::IASIOPlatform {
   };
   SKey* Find(SKey* parent, const std::u16string& path, bool create);
   SKey* Root(NSASIO::RegistryKey key);
+  int32_t OpenKey(EASIOPlatformCall call, NSASIO::RegistryKey parent, const char16_t* path,
+                  NSASIO::RegistryKey* key);
   bool TakeFailure(EASIOPlatformCall call, int32_t& result);
 
   SKey localMachine_;

@@ -13,21 +13,13 @@
 #include "public/globals.h"
 #include "public/library.h"
 #include "quillon/quillon.h"
+#include "support/usable_window.h"
 
 using namespace NSQuillon2;
 
 namespace {
 
-// A window the platform accepts, and one it refuses.
-void* UsableWindow() {
-#if defined(_WIN32)
-  return GetDesktopWindow();
-#else
-  static int someObject = 0;
-  return &someObject;
-#endif
-}
-
+// A window the platform refuses.
 void* StaleWindow() {
 #if defined(_WIN32)
   return reinterpret_cast<void*>(static_cast<uintptr_t>(0x7FFF1234));
