@@ -11,6 +11,7 @@
 namespace NSASIO {
 
 using NSFerrand::CABCOpenSoundDriver;
+using NSMarlet::RaiseFailure;
 using NSFerrand::COpenSoundDriverInfo;
 using NSFerrand::CRegisteredSoundDriverInfo;
 
@@ -37,6 +38,9 @@ class CASIOFamily {
 
 int32_t familyCount = 0;
 CASIOFamily* familyObject = nullptr;
+// The call layer talks to one current driver for the process: a second open
+// driver would take it from under the first one's stream.
+int32_t openDrivers = 0;
 
 CWideString KeyOf(const CWideString& driverName) {
   return NSTextPackage::FormatText(kASIOKeyFormat, 0, {driverName});
@@ -175,6 +179,7 @@ COpenASIOSoundDriver::COpenASIOSoundDriver(const CWideString& driverName,
                                            NSFerrand::MSoundRenderer* renderer,
                                            void* hardwareContext)
     : hardwareContext_(hardwareContext) {
+  if (openDrivers != 0) RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver());
   if (settings != nullptr) {
     const CSoundDriverSettings copy = *settings;
     host_ = new CASIODriverHost(driverName, renderer, hardwareContext, &copy);
@@ -189,9 +194,11 @@ COpenASIOSoundDriver::COpenASIOSoundDriver(const CWideString& driverName,
       throw;
     }
   }
+  ++openDrivers;
 }
 
 COpenASIOSoundDriver::~COpenASIOSoundDriver() {
+  --openDrivers;
   NSMarlet::COptionalFailureScope scope;
   try {
     delete host_;

@@ -323,4 +323,24 @@ TEST_F(ASIOClientTest, HostileRecordsAreKeptWithinWhatTheDriverOffers) {
   EXPECT_EQ(device->liveObjects.load(), 0);
 }
 
+TEST_F(ASIOClientTest, ASecondClientCannotTakeTheDriverFromTheFirst) {
+  IClient* first = Open();
+  TestHost otherHost;
+  uint32_t running = 9;
+  uint32_t status = 0;
+  IClient* second = library->CreateClient(&otherHost, nullptr, asio, &running, &status);
+  ASSERT_EQ(status, kStatusOk);
+  EXPECT_EQ(running, 0u);
+  EXPECT_EQ(device->liveObjects.load(), 1);
+  const uint64_t blocks = host.drivenBlocks.load();
+  ASSERT_TRUE(WaitFor([&] { return host.drivenBlocks.load() > blocks + 10; }));
+  ASSERT_TRUE(WaitFor([&] { return otherHost.silentBlocks.load() >= 1; }));
+  QuillonDestroy(first);
+  EXPECT_EQ(second->SetDriver(asio, &running), kStatusOk);
+  EXPECT_EQ(running, 1u);
+  ASSERT_TRUE(WaitFor([&] { return otherHost.drivenBlocks.load() > 10; }));
+  QuillonDestroy(second);
+  EXPECT_EQ(device->liveObjects.load(), 0);
+}
+
 }  // namespace
