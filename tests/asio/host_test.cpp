@@ -590,4 +590,34 @@ TEST_F(HostTest, AHostCanBeBuiltAgainAfterTeardown) {
   EXPECT_EQ(device->createdObjects.load(), 3);
 }
 
+TEST_F(HostTest, RefusalsInTheTeardownAndOnTheDriversThreadLoseNothing) {
+  auto device = Quiet();
+  auto host = Open();
+  auto* live = device->Live();
+  device->Fail(Fakes::kAsioOutputReady, ASE_HWMalfunction);
+  device->Fail(Fakes::kAsioGetSamplePosition, ASE_NotPresent);
+  device->Fail(Fakes::kAsioFuture, ASE_HWMalfunction);
+  const uint64_t calls = renderer.calls;
+  live->SwitchNow(0);
+  live->SwitchNow(1);
+  EXPECT_EQ(renderer.calls.load(), calls + 2);
+  EXPECT_FALSE(host->RenderFailed());
+  EXPECT_FALSE(host->CanMonitorInputs());
+  device->Fail(Fakes::kAsioStop, ASE_HWMalfunction);
+  device->Fail(Fakes::kAsioDisposeBuffers, ASE_HWMalfunction);
+  host.reset();
+  EXPECT_EQ(asioState, kASIOStateLoaded);
+  EXPECT_EQ(activeHost.load(), nullptr);
+  EXPECT_EQ(device->liveObjects.load(), 0);
+}
+
+TEST_F(HostTest, ARefusedCOMInitialisationStillListsAndOpens) {
+  Add(u"Fake", 1)->stopCalling = true;
+  platform.Fail(Fakes::kPlatformCoInitialize, static_cast<int32_t>(0x80010106u));
+  Load();
+  EXPECT_EQ(driverList->NumDrivers(), 1);
+  auto host = Open();
+  EXPECT_EQ(asioState, kASIOStateRunning);
+}
+
 }  // namespace
