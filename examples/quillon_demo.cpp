@@ -4,6 +4,10 @@
 //
 //   quillon_demo [--list] [--driver NAME | --spec FILE] [--seconds N]
 //                [--save-spec FILE] [--wav FILE] [--fallback] [--library PATH]
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -412,8 +416,15 @@ int main(int argc, char** argv) {
     NSPlatform::CloseModule(module);
     return 1;
   }
+  // A host gives its window; ASIO drivers need one. This one has no window
+  // of its own, and the desktop's serves.
+#if defined(_WIN32)
+  const SLibraryParams params = {GetDesktopWindow(), 0};
+#else
+  const SLibraryParams params = {nullptr, 0};
+#endif
   uint32_t status = 0;
-  IQuillon* library = create("IQuillon2", nullptr, &status);
+  IQuillon* library = create("IQuillon2", &params, &status);
   if (library == nullptr) {
     NSPlatform::CloseModule(module);
     return Fail("Quillon_Create", status);

@@ -1,0 +1,434 @@
+// The ASIO family on the real registry and COM: the test driver of
+// tests/asio_driver is a real in-process server, registered as drivers
+// register themselves and created by the real CoCreateInstance. Only the
+// Windows build has COM; natively every test says so and skips.
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "asio_driver/test_driver_stats.h"
+#include "driver/wait.h"
+#include "public/platform_provider.h"
+#include "quillon/quillon.h"
+#include "support/usable_window.h"
+
+using namespace NSQuillon2;
+
+namespace {
+
+std::u16string Text(const unsigned short* units) {
+  return std::u16string(reinterpret_cast<const char16_t*>(units));
+}
+
+// Renders the ramp the driver checks, and watches the times it is given.
+class RampHost final : public IClientHost {
+ public:
+  uint32_t Render(IClient*, uint32_t frames, const float* const*, int32_t,
+                  const SRenderTiming* inputTiming, float* const* outputs, int32_t outputCount,
+                  const SRenderTiming* outputTiming) override {
+    for (int32_t c = 0; c < outputCount; ++c) {
+      if (outputs[c] == nullptr) continue;
+      for (uint32_t f = 0; f < frames; ++f) {
+        outputs[c][f] = QuillonTestRamp(static_cast<int32_t>(f), c);
+      }
+    }
+    const uint64_t position = outputTiming->samplePosition;
+    const uint64_t before = lastPosition.exchange(position);
+    // The priming block before the start has no position of its own.
+    if (blocks.load() >= 2 && position - before != frames) ++positionJumps;
+    positionSpan = position - inputTiming->samplePosition;
+    timeSpan = outputTiming->systemTime - inputTiming->systemTime;
+    ++blocks;
+    framesRendered += frames;
+    return 0;
+  }
+  void OnDriverLost(IClient*) override { ++lost; }
+  void OnSettingsChanged(IClient*, const SClientSettings* settings) override {
+    ++settingsReports;
+    lastFrames = settings->bufferFrames;
+  }
+  void OnDriverListChanged(IClient*) override {}
+
+  std::atomic<uint64_t> blocks{0};
+  std::atomic<uint64_t> framesRendered{0};
+  std::atomic<uint64_t> lastPosition{0};
+  std::atomic<uint64_t> positionJumps{0};
+  std::atomic<uint64_t> positionSpan{0};
+  std::atomic<uint64_t> timeSpan{0};
+  std::atomic<int> lost{0};
+  std::atomic<int> settingsReports{0};
+  std::atomic<uint32_t> lastFrames{0};
+};
+
+class RealASIOTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+#if !defined(_WIN32)
+    GTEST_SKIP() << "COM, the system registry and in-process ASIO drivers exist only in the "
+                    "Windows build; these tests run there, under Wine";
+#else
+    wchar_t path[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, path, MAX_PATH);
+    std::wstring folder = path;
+    folder.resize(folder.find_last_of(L"\\/") + 1);
+    dllPath = folder + L"QuillonTestASIO.dll";
+    dll = LoadLibraryW(dllPath.c_str());
+    ASSERT_NE(dll, nullptr) << "the test driver is built beside the tests";
+    stats = reinterpret_cast<QuillonTestDriverStatsFunction>(
+        reinterpret_cast<void*>(GetProcAddress(dll, "QuillonTestDriverStats")));
+    resetStats = reinterpret_cast<QuillonTestDriverResetStatsFunction>(
+        reinterpret_cast<void*>(GetProcAddress(dll, "QuillonTestDriverResetStats")));
+    ASSERT_NE(stats, nullptr);
+    ASSERT_EQ(Entry("DllUnregisterServer"), S_OK);
+    ASSERT_EQ(Entry("DllRegisterServer"), S_OK);
+    resetStats();
+    SetPlatformProvider(nullptr);
+#endif
+  }
+  void TearDown() override {
+#if defined(_WIN32)
+    if (dll == nullptr) return;
+    QuillonDestroy(specs);
+    QuillonDestroy(library);
+    for (const std::wstring& key : variants) {
+      RegDeleteTreeW(HKEY_LOCAL_MACHINE, (L"software\\asio\\" + key).c_str());
+    }
+    for (const std::wstring& clsid : classes) {
+      RegDeleteTreeW(HKEY_CLASSES_ROOT, (L"CLSID\\" + clsid).c_str());
+    }
+    // A clean default entry for whoever comes next.
+    Entry("DllUnregisterServer");
+    Entry("DllRegisterServer");
+    FreeLibrary(dll);
+#endif
+  }
+
+#if defined(_WIN32)
+  HRESULT Entry(const char* name) {
+    typedef HRESULT(WINAPI * Function)();
+    auto function =
+        reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(dll, name)));
+    return function != nullptr ? function() : E_FAIL;
+  }
+  static void Write(HKEY root, const std::wstring& path, const wchar_t* name, DWORD number) {
+    HKEY key = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr),
+              ERROR_SUCCESS);
+    RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof number);
+    RegCloseKey(key);
+  }
+  static void Write(HKEY root, const std::wstring& path, const wchar_t* name,
+                    const std::wstring& text) {
+    HKEY key = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr),
+              ERROR_SUCCESS);
+    RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                   static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+    RegCloseKey(key);
+  }
+  // A setting of the default driver, read when it is made and at init.
+  void Set(const wchar_t* name, DWORD number) {
+    Write(HKEY_LOCAL_MACHINE, L"software\\asio\\Quillon Test", name, number);
+  }
+  void Set(const wchar_t* name, const std::wstring& text) {
+    Write(HKEY_LOCAL_MACHINE, L"software\\asio\\Quillon Test", name, text);
+  }
+  // Another driver entry: its own class served by the same DLL, or by a
+  // file that is gone, or no server entry at all.
+  std::wstring AddVariant(const std::wstring& key, uint32_t number, const std::wstring& description,
+                          const std::wstring& server) {
+    wchar_t clsid[40];
+    swprintf(clsid, 40, L"{5A0C%04X-1111-4222-8333-444455556666}", number);
+    variants.push_back(key);
+    classes.push_back(clsid);
+    const std::wstring entry = L"software\\asio\\" + key;
+    if (!description.empty()) Write(HKEY_LOCAL_MACHINE, entry, L"description", description);
+    Write(HKEY_LOCAL_MACHINE, entry, L"clsid", std::wstring(clsid));
+    const std::wstring classKey = std::wstring(L"CLSID\\") + clsid;
+    Write(HKEY_CLASSES_ROOT, classKey, nullptr, L"variant");
+    if (!server.empty()) {
+      Write(HKEY_CLASSES_ROOT, classKey + L"\\InprocServer32", nullptr, server);
+      Write(HKEY_CLASSES_ROOT, classKey + L"\\InprocServer32", L"ThreadingModel", L"Both");
+    }
+    return entry;
+  }
+  SQuillonTestDriverStats Stats() {
+    SQuillonTestDriverStats now;
+    stats(&now);
+    return now;
+  }
+#endif
+
+  void MakeLibrary() {
+    const SLibraryParams params = {UsableWindow(), 0};
+    uint32_t status = 0;
+    library = Quillon_Create("IQuillon2", &params, &status);
+    ASSERT_NE(library, nullptr);
+    specs = library->GetDriverSpecs(&status);
+    ASSERT_NE(specs, nullptr);
+  }
+  // The spec of a listed ASIO driver by its shown name, or null.
+  const IDriverSpec* Find(const std::u16string& name) {
+    for (int64_t i = 0; i < specs->GetSize(); ++i) {
+      SDriverSpecKey key;
+      specs->GetData()[i]->GetKeyRecord(&key);
+      if (Text(key.family) == u"ASIO" && Text(key.name) == name) return specs->GetData()[i];
+    }
+    return nullptr;
+  }
+  IClient* Open(const SClientSettings* settings = nullptr, uint32_t expectRunning = 1) {
+    const IDriverSpec* spec = Find(u"Quillon Test");
+    EXPECT_NE(spec, nullptr);
+    if (spec == nullptr) return nullptr;
+    uint32_t running = 9;
+    uint32_t status = 0;
+    IClient* client =
+        settings != nullptr
+            ? library->CreateClientWithSettings(&host, nullptr, spec, settings, &running, &status)
+            : library->CreateClient(&host, nullptr, spec, &running, &status);
+    EXPECT_EQ(status, kStatusOk);
+    EXPECT_EQ(running, expectRunning);
+    return client;
+  }
+  // Idles as a host does, every 20 ms, until the condition holds.
+  template <class Condition>
+  bool IdleUntil(IClient* client, Condition condition, int milliseconds) {
+    return WaitFor([&] {
+      client->Idle();
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      return condition();
+    }, milliseconds);
+  }
+
+  // The client goes on in silence and hears of the loss once.
+  void ExpectLossToldOnce(IClient* client) {
+    ASSERT_TRUE(IdleUntil(client, [&] { return host.lost.load() == 1; }, 30000));
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(client->Idle(), kStatusOk);
+    EXPECT_EQ(host.lost.load(), 1);
+    const uint64_t blocks = host.blocks;
+    ASSERT_TRUE(WaitFor([&] { return host.blocks.load() >= blocks + 2; }));
+  }
+
+#if defined(_WIN32)
+  HMODULE dll = nullptr;
+  std::wstring dllPath;
+  QuillonTestDriverStatsFunction stats = nullptr;
+  QuillonTestDriverResetStatsFunction resetStats = nullptr;
+  std::vector<std::wstring> variants;
+  std::vector<std::wstring> classes;
+#endif
+  IQuillon* library = nullptr;
+  IVector<const IDriverSpec*>* specs = nullptr;
+  RampHost host;
+};
+
+#if defined(_WIN32)
+
+SClientSettings Stereo(uint32_t rate, uint32_t frames) {
+  SClientSettings flat;
+  std::memset(&flat, 0, sizeof flat);
+  flat.sampleRate = rate;
+  flat.bufferFrames = frames;
+  flat.outputPairEnabled[0] = 1;
+  return flat;
+}
+
+TEST_F(RealASIOTest, ListedByTheRegistryAloneWithTheFamilyRules) {
+  AddVariant(L"Long", 1, L"ASIO A description of forty units, long.", dllPath);
+  AddVariant(L"Gone File", 2, L"Gone File", L"C:\\nowhere\\gone.dll");
+  AddVariant(L"No Server", 3, L"No Server", L"");
+  Write(HKEY_LOCAL_MACHINE, L"software\\asio\\No Clsid", L"description", std::wstring(L"No Clsid"));
+  variants.push_back(L"No Clsid");
+  MakeLibrary();
+  const IDriverSpec* spec = Find(u"Quillon Test");
+  ASSERT_NE(spec, nullptr);
+  SDriverSpecKey key;
+  spec->GetKeyRecord(&key);
+  for (uint32_t flag : key.flags) EXPECT_EQ(flag, 1u);
+  // A description of 40 units shows as 28 and "...", without "ASIO ".
+  EXPECT_NE(Find(u"A description of forty ..."), nullptr);
+  EXPECT_NE(Find(u"Gone File"), nullptr);
+  EXPECT_EQ(Find(u"No Server"), nullptr);
+  EXPECT_EQ(Find(u"No Clsid"), nullptr);
+  EXPECT_EQ(Stats().createdObjects, 0u);
+}
+
+TEST_F(RealASIOTest, ADriverThatCrashesWhenMadeLeavesListingAndNoSoundWorking) {
+  const std::wstring entry = AddVariant(L"Crasher", 4, L"Crasher", dllPath);
+  Write(HKEY_LOCAL_MACHINE, entry, L"crashOnCreate", 1);
+  MakeLibrary();
+  EXPECT_NE(Find(u"Crasher"), nullptr);
+  uint32_t running = 0;
+  uint32_t status = 0;
+  IClient* client = library->CreateClient(&host, nullptr, specs->GetData()[0], &running, &status);
+  ASSERT_EQ(status, kStatusOk);
+  EXPECT_EQ(running, 1u);
+  ASSERT_TRUE(WaitFor([&] { return host.blocks.load() >= 2; }));
+  QuillonDestroy(client);
+}
+
+TEST_F(RealASIOTest, PlaysTenSecondsAt256Frames) {
+  Set(L"inputLatency", 480);
+  Set(L"outputLatency", 960);
+  MakeLibrary();
+  const SClientSettings flat = Stereo(48000, 256);
+  IClient* client = Open(&flat);
+  ASSERT_NE(client, nullptr);
+  ASSERT_TRUE(IdleUntil(client, [&] { return host.blocks.load() >= 20; }, 10000));
+  const uint64_t startFrames = host.framesRendered;
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(IdleUntil(client, [&] {
+    return std::chrono::steady_clock::now() - start >= std::chrono::seconds(10);
+  }, 20000));
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double rate = static_cast<double>(host.framesRendered - startFrames) / seconds;
+  EXPECT_NEAR(rate, 48000.0, 48000.0 * 0.02);
+  EXPECT_EQ(host.positionJumps.load(), 0u);
+  EXPECT_EQ(host.lost.load(), 0);
+  // Positions apart by both latencies; times by both, at the rate.
+  EXPECT_EQ(host.positionSpan.load(), 480u + 960u);
+  EXPECT_NEAR(static_cast<double>(host.timeSpan.load()), 30000000.0, 1.0);
+  EXPECT_EQ(Stats().timeInfo, 1);
+  QuillonDestroy(client);
+  EXPECT_EQ(Stats().liveObjects, 0);
+}
+
+TEST_F(RealASIOTest, PlaysTenSecondsAt64Frames) {
+  MakeLibrary();
+  const SClientSettings flat = Stereo(48000, 64);
+  IClient* client = Open(&flat);
+  ASSERT_NE(client, nullptr);
+  SClientSettings seen;
+  ASSERT_EQ(client->GetClientSettings(&seen), kStatusOk);
+  EXPECT_EQ(seen.bufferFrames, 64u);
+  ASSERT_TRUE(IdleUntil(client, [&] { return host.blocks.load() >= 50; }, 10000));
+  const uint64_t startFrames = host.framesRendered;
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(IdleUntil(client, [&] {
+    return std::chrono::steady_clock::now() - start >= std::chrono::seconds(10);
+  }, 20000));
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double rate = static_cast<double>(host.framesRendered - startFrames) / seconds;
+  EXPECT_NEAR(rate, 48000.0, 48000.0 * 0.02);
+  EXPECT_EQ(host.positionJumps.load(), 0u);
+  EXPECT_EQ(host.lost.load(), 0);
+  QuillonDestroy(client);
+}
+
+TEST_F(RealASIOTest, EachSampleTypeReachesTheDriverAsTheKernelsMakeIt) {
+  Set(L"checkOutputs", 1);
+  Set(L"outputs", 4);
+  MakeLibrary();
+  const uint32_t types[] = {16, 17, 18, 19, 24, 27, 2, 0};
+  for (uint32_t type : types) {
+    Set(L"sampleType", type);
+    resetStats();
+    SClientSettings flat = Stereo(48000, 256);
+    flat.outputPairEnabled[1] = 1;
+    IClient* client = Open(&flat);
+    ASSERT_NE(client, nullptr);
+    ASSERT_TRUE(IdleUntil(client, [&] { return Stats().checkedBuffers >= 20; }, 10000)) << type;
+    QuillonDestroy(client);
+    EXPECT_EQ(Stats().mismatches, 0u) << "type " << type;
+  }
+}
+
+TEST_F(RealASIOTest, AResetRequestRestartsAtTheNextIdle) {
+  Set(L"resetAfter", 50);
+  Set(L"preferredSize", 512);
+  MakeLibrary();
+  IClient* client = Open();
+  ASSERT_NE(client, nullptr);
+  client->Idle();
+  const int reports = host.settingsReports;
+  ASSERT_TRUE(IdleUntil(client, [&] { return host.settingsReports.load() > reports; }, 10000));
+  // Playing again within one Idle period of the host.
+  const uint64_t switches = Stats().switches;
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_GT(Stats().switches, switches);
+  EXPECT_EQ(host.lastFrames.load(), 512u);
+  EXPECT_EQ(host.lost.load(), 0);
+  EXPECT_EQ(Stats().createdObjects, 2u);
+  QuillonDestroy(client);
+}
+
+TEST_F(RealASIOTest, ARefusedStartIsALossToldOnce) {
+  Set(L"resetAfter", 20);
+  Set(L"refuse", L"start@2:-999");
+  MakeLibrary();
+  IClient* client = Open();
+  ASSERT_NE(client, nullptr);
+  ExpectLossToldOnce(client);
+  QuillonDestroy(client);
+  EXPECT_EQ(Stats().liveObjects, 0);
+}
+
+TEST_F(RealASIOTest, ARefusedCreateBuffersIsALossToldOnce) {
+  Set(L"resetAfter", 20);
+  Set(L"refuse", L"createBuffers@2:-994");
+  MakeLibrary();
+  IClient* client = Open();
+  ASSERT_NE(client, nullptr);
+  ExpectLossToldOnce(client);
+  QuillonDestroy(client);
+}
+
+TEST_F(RealASIOTest, ARefusedStartAtOpeningGivesSilence) {
+  Set(L"refuse", L"start:-999");
+  MakeLibrary();
+  IClient* client = Open(nullptr, 0);
+  ASSERT_NE(client, nullptr);
+  ASSERT_TRUE(WaitFor([&] { return host.blocks.load() >= 2; }));
+  EXPECT_EQ(Stats().liveObjects, 0);
+  QuillonDestroy(client);
+}
+
+TEST_F(RealASIOTest, ADriverThatStopsCallingIsALossToldOnce) {
+  Set(L"stopAfter", 50);
+  MakeLibrary();
+  IClient* client = Open();
+  ASSERT_NE(client, nullptr);
+  ExpectLossToldOnce(client);
+  QuillonDestroy(client);
+  EXPECT_EQ(Stats().liveObjects, 0);
+}
+
+TEST_F(RealASIOTest, SwitchingAwayAndBackLeavesOneDriverAtATime) {
+  MakeLibrary();
+  IClient* client = Open();
+  ASSERT_NE(client, nullptr);
+  const IDriverSpec* asio = Find(u"Quillon Test");
+  for (int i = 0; i < 20; ++i) {
+    uint32_t running = 0;
+    ASSERT_EQ(client->SetDriver(specs->GetData()[0], &running), kStatusOk);
+    EXPECT_EQ(Stats().liveObjects, 0);
+    ASSERT_EQ(client->SetDriver(asio, &running), kStatusOk);
+    EXPECT_EQ(running, 1u);
+    EXPECT_EQ(Stats().liveObjects, 1);
+  }
+  EXPECT_EQ(Stats().mostLiveObjects, 1);
+  EXPECT_EQ(host.lost.load(), 0);
+  QuillonDestroy(client);
+  EXPECT_EQ(Stats().liveObjects, 0);
+}
+
+#else
+
+TEST_F(RealASIOTest, NeedsTheWindowsBuild) {}
+
+#endif
+
+}  // namespace
