@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "asio/asio_driver_list.h"
+#include "asio/asio_family.h"
 #include "asio_driver/test_driver_stats.h"
 #include "driver/wait.h"
 #include "public/platform_provider.h"
@@ -256,6 +258,20 @@ TEST_F(RealASIOTest, ListedByTheRegistryAloneWithTheFamilyRules) {
   SDriverSpecKey key;
   spec->GetKeyRecord(&key);
   for (uint32_t flag : key.flags) EXPECT_EQ(flag, 1u);
+  // The saved spec carries the key, in UTF-16.
+  struct SSink final : IByteSink {
+    uint32_t Write(uint64_t, uint64_t length, const void* data) override {
+      bytes.append(static_cast<const char*>(data), static_cast<size_t>(length));
+      return kStatusOk;
+    }
+    std::string bytes;
+  } sink;
+  uint64_t position = 0;
+  ASSERT_EQ(library->SaveDriverSpec(spec, &sink, &position), kStatusOk);
+  const std::u16string keyText = u"Ferrand ASIO ASIO Quillon Test";
+  EXPECT_NE(sink.bytes.find(std::string(reinterpret_cast<const char*>(keyText.data()),
+                                        keyText.size() * 2)),
+            std::string::npos);
   // A description of 40 units shows as 28 and "...", without "ASIO ".
   EXPECT_NE(Find(u"A description of forty ..."), nullptr);
   EXPECT_NE(Find(u"Gone File"), nullptr);
@@ -422,6 +438,54 @@ TEST_F(RealASIOTest, SwitchingAwayAndBackLeavesOneDriverAtATime) {
   EXPECT_EQ(Stats().mostLiveObjects, 1);
   EXPECT_EQ(host.lost.load(), 0);
   QuillonDestroy(client);
+  EXPECT_EQ(Stats().liveObjects, 0);
+}
+
+TEST_F(RealASIOTest, ARateChangeReachesTheHostAtItsIdle) {
+  Set(L"rateChangeAfter", 30);
+  Set(L"rateChangeTo", 44100);
+  MakeLibrary();
+  const SClientSettings flat = Stereo(48000, 256);
+  IClient* client = Open(&flat);
+  ASSERT_NE(client, nullptr);
+  client->Idle();
+  SClientSettings seen;
+  ASSERT_TRUE(IdleUntil(client, [&] {
+    return client->GetClientSettings(&seen) == kStatusOk && seen.sampleRate == 44100;
+  }, 10000));
+  EXPECT_GE(host.settingsReports.load(), 1);
+  EXPECT_EQ(host.lost.load(), 0);
+  QuillonDestroy(client);
+}
+
+TEST_F(RealASIOTest, ASlowCallIsWaitedFor) {
+  Set(L"slowCall", L"createBuffers");
+  Set(L"slowMs", 400);
+  MakeLibrary();
+  const auto start = std::chrono::steady_clock::now();
+  IClient* client = Open();
+  ASSERT_NE(client, nullptr);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(350));
+  ASSERT_TRUE(IdleUntil(client, [&] { return host.blocks.load() >= 10; }, 10000));
+  QuillonDestroy(client);
+}
+
+TEST_F(RealASIOTest, TheHardwareIdentityIsAskedThroughCOM) {
+  struct SCase {
+    DWORD mode;
+    bool answered;
+    std::string identity;
+  } cases[] = {{0, false, ""}, {1, true, "unit-\xc3\xa9"}, {2, true, ""}, {3, true, ""}};
+  Set(L"identity", L"unit-\u00e9");
+  NSASIO::LoadDriverList(NSASIO::SystemASIOPlatform());
+  for (const SCase& c : cases) {
+    Set(L"identityMode", c.mode);
+    std::string identity = "old";
+    EXPECT_EQ(NSASIO::ProbeHardwareIdentity(u"ASIO Quillon Test", identity), c.answered) << c.mode;
+    EXPECT_EQ(identity, c.identity) << c.mode;
+  }
+  NSASIO::UnloadDriverList();
+  EXPECT_EQ(Stats().createdObjects, 4u);
   EXPECT_EQ(Stats().liveObjects, 0);
 }
 
