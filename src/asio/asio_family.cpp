@@ -4,6 +4,7 @@
 #include <new>
 
 #include "asio/asio_driver_list.h"
+#include "asio/asio_rules.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
 #include "text/code_conversions.h"
@@ -126,27 +127,9 @@ bool ProbeHardwareIdentity(const CWideString& name, std::string& identity) {
     return false;
   }
   auto* driver = static_cast<IASIO*>(object);
-  void* named = nullptr;
-  if (driver->QueryInterface(kIIDHardwareIdentity, &named) != kHResultOk || named == nullptr) {
-    driver->Release();
-    return false;
-  }
-  auto* hardware = static_cast<IASIOHardwareIdentity*>(named);
-  char16_t* text = nullptr;
-  if (hardware->GetHardwareIdentity(&text) == kHResultOk && text != nullptr) {
-    try {
-      const CWideString wide(text, platform.SysStringLen(text));
-      platform.SysFreeString(text);
-      text = nullptr;
-      if (!wide.empty()) identity = NSTextPackage::WideToUtf8(wide);
-    } catch (...) {
-      if (text != nullptr) platform.SysFreeString(text);
-      identity.clear();
-    }
-  }
-  hardware->Release();
+  const bool answered = AskHardwareIdentity(driver, platform, identity);
   driver->Release();
-  return true;
+  return answered;
 }
 
 CASIORegisteredSoundDriver::CASIORegisteredSoundDriver(const CWideString& driverName,
@@ -240,9 +223,7 @@ bool COpenASIOSoundDriver::TakeSettingsChanged() { return host_->TakeSettingsCha
 COpenSoundDriverInfo& COpenASIOSoundDriver::GetDriverInfo(COpenSoundDriverInfo& info) {
   std::vector<CWideString> clocks = host_->ClockSourceNames();
   std::vector<uint32_t> sizes = host_->BufferSizes();
-  if (std::find(sizes.begin(), sizes.end(), host_->BufferFrames()) == sizes.end()) {
-    sizes.push_back(host_->BufferFrames());
-  }
+  if (!Holds(sizes, host_->BufferFrames())) sizes.push_back(host_->BufferFrames());
   std::sort(sizes.begin(), sizes.end());
   info.outputNames = host_->OutputNames();
   info.inputNames = host_->InputNames();

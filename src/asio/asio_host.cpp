@@ -28,10 +28,6 @@ constexpr uint32_t kRateCheckMs = 3000;
 [[noreturn]] void RaiseOpen() { RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver()); }
 [[noreturn]] void RaiseException() { RaiseFailure(std::exception()); }
 
-bool Holds(const std::vector<uint32_t>& list, uint32_t value) {
-  return std::find(list.begin(), list.end(), value) != list.end();
-}
-
 // Up to 32 bytes of a driver's name, in the system's ANSI code page.
 CWideString DecodeName(const char (&name)[32]) {
   char copy[33] = {};
@@ -103,6 +99,29 @@ std::vector<ASIOClockSource> ListClockSources() {
   return clocks;
 }
 
+bool AskHardwareIdentity(IASIO* driver, IASIOPlatform& platform, std::string& identity) {
+  identity.clear();
+  void* object = nullptr;
+  if (driver->QueryInterface(kIIDHardwareIdentity, &object) != kHResultOk || object == nullptr) {
+    return false;
+  }
+  auto* named = static_cast<IASIOHardwareIdentity*>(object);
+  char16_t* text = nullptr;
+  if (named->GetHardwareIdentity(&text) == kHResultOk && text != nullptr) {
+    try {
+      const CWideString wide(text, platform.SysStringLen(text));
+      platform.SysFreeString(text);
+      text = nullptr;
+      if (!wide.empty()) identity = NSTextPackage::WideToUtf8(wide);
+    } catch (...) {
+      if (text != nullptr) platform.SysFreeString(text);
+      identity.clear();
+    }
+  }
+  named->Release();
+  return true;
+}
+
 CASIODriverHost::CASIODriverHost(const CWideString& driverName,
                                  NSFerrand::MSoundRenderer* renderer, void* hardwareContext,
                                  const CSoundDriverSettings* settings)
@@ -132,22 +151,9 @@ void CASIODriverHost::LoadAndInitDriver() {
   if (driverList == nullptr || !driverList->LoadDriverByName(driverName_)) RaiseOpen();
   std::string identity;
   try {
-    if (hardwareContext_ != nullptr) {
-      IASIO* driver = currentDriver.load();
-      void* object = nullptr;
-      if (driver != nullptr &&
-          driver->QueryInterface(kIIDHardwareIdentity, &object) == kHResultOk &&
-          object != nullptr) {
-        auto* named = static_cast<IASIOHardwareIdentity*>(object);
-        char16_t* text = nullptr;
-        if (named->GetHardwareIdentity(&text) == kHResultOk && text != nullptr) {
-          IASIOPlatform& platform = driverList->Platform();
-          const CWideString wide(text, platform.SysStringLen(text));
-          platform.SysFreeString(text);
-          if (!wide.empty()) identity = NSTextPackage::WideToUtf8(wide);
-        }
-        named->Release();
-      }
+    IASIO* driver = currentDriver.load();
+    if (hardwareContext_ != nullptr && driver != nullptr) {
+      AskHardwareIdentity(driver, driverList->Platform(), identity);
     }
     ASIODriverInfo info;
     std::memset(&info, 0, sizeof info);

@@ -13,6 +13,7 @@
 
 #include "asio/asio_buffers.h"
 #include "asio/asio_interface.h"
+#include "asio/asio_platform.h"
 #include "driver/driver_contract.h"
 #include "driver/threading.h"
 
@@ -39,6 +40,10 @@ uint32_t WriteSampleRate(uint32_t rate);
 std::vector<uint32_t> ListSampleRates();
 std::vector<uint32_t> ListBufferSizes();
 std::vector<ASIOClockSource> ListClockSources();
+
+// Asks a driver object which device it drives: false when it has no such
+// interface; true with the identity in UTF-8, empty when it names none.
+bool AskHardwareIdentity(IASIO* driver, IASIOPlatform& platform, std::string& identity);
 
 class CASIODriverHost {
  public:

@@ -11,16 +11,16 @@ using NSFerrand::CChannelBitVector;
 
 namespace {
 
-bool Holds(const std::vector<uint32_t>& list, uint32_t value) {
-  return std::find(list.begin(), list.end(), value) != list.end();
-}
-
 void Doubling(int64_t minimum, int64_t maximum, std::vector<uint32_t>& sizes) {
   if (minimum <= 0) return;
   for (int64_t size = minimum; size <= maximum; size *= 2) sizes.push_back(static_cast<uint32_t>(size));
 }
 
 }  // namespace
+
+bool Holds(const std::vector<uint32_t>& list, uint32_t value) {
+  return std::find(list.begin(), list.end(), value) != list.end();
+}
 
 std::vector<uint32_t> BufferSizesFrom(int32_t minimum, int32_t maximum, int32_t preferred,
                                       int32_t granularity) {

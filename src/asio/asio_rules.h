@@ -11,6 +11,9 @@
 
 namespace NSASIO {
 
+// Whether a list of sizes or rates holds a value.
+bool Holds(const std::vector<uint32_t>& list, uint32_t value);
+
 // A list of step sizes with this many entries or more falls to doubling.
 constexpr size_t kMaxStepSizes = 256;
 

@@ -9,9 +9,9 @@
 
 namespace NSQuillon2 {
 
+// A null member stands for the system's own operations.
 struct SPlatformProvider {
   NSMME::IWaveOut* waveOut;
-  // Null: the system's ASIO operations.
   NSASIO::IASIOPlatform* asio;
 };
 
