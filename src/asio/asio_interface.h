@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "driver/guid.h"
+
 namespace NSASIO {
 
 typedef int32_t ASIOBool;
@@ -16,23 +18,7 @@ typedef int32_t ASIOSampleType;
 typedef double ASIOSampleRate;
 typedef int32_t HResult;
 
-// A COM class or interface identity, in the system's own layout.
-struct SGuid {
-  uint32_t data1;
-  uint16_t data2;
-  uint16_t data3;
-  uint8_t data4[8];
-};
-static_assert(sizeof(SGuid) == 16, "GUID layout");
-
-inline bool operator==(const SGuid& a, const SGuid& b) {
-  if (a.data1 != b.data1 || a.data2 != b.data2 || a.data3 != b.data3) return false;
-  for (int i = 0; i < 8; ++i) {
-    if (a.data4[i] != b.data4[i]) return false;
-  }
-  return true;
-}
-inline bool operator!=(const SGuid& a, const SGuid& b) { return !(a == b); }
+using NSFerrand::SGuid;
 
 enum : HResult {
   kHResultOk = 0,

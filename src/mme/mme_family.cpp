@@ -100,13 +100,6 @@ void ThrowOnWaveResult(uint32_t result) {
   }
 }
 
-SWaveFormat Stereo16Format(uint32_t sampleRate) {
-  SWaveFormat format;
-  format.samplesPerSecond = sampleRate;
-  format.averageBytesPerSecond = sampleRate * 4;
-  return format;
-}
-
 bool IsRateAccepted(IWaveOut& waveOut, uint32_t device, uint32_t sampleRate) {
   const uint32_t answer = waveOut.Open(nullptr, device, Stereo16Format(sampleRate),
                                        kWaveFormatQuery);

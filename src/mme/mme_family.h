@@ -16,8 +16,7 @@ using NSFerrand::CWideString;
 // Raises the failure a wave-out result stands for; returns on 0.
 void ThrowOnWaveResult(uint32_t result);
 
-// The format record of 16-bit stereo PCM at a rate.
-SWaveFormat Stereo16Format(uint32_t sampleRate);
+using NSFerrand::Stereo16Format;
 
 // The format trial of one rate: false when refused, XOpen when the device
 // is in use.

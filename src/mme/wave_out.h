@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "driver/pcm_format.h"
+
 namespace NSMME {
 
 // Results of the wave-out functions.
@@ -43,15 +45,7 @@ struct SWaveOutCaps {
   uint16_t channels = 0;
 };
 
-struct SWaveFormat {
-  uint16_t formatTag = 1;  // PCM
-  uint16_t channels = 2;
-  uint32_t samplesPerSecond = 0;
-  uint32_t averageBytesPerSecond = 0;
-  uint16_t blockAlign = 4;
-  uint16_t bitsPerSample = 16;
-  uint16_t extraSize = 0;
-};
+typedef NSFerrand::SPcmFormat SWaveFormat;
 
 // A wave header in the system's own layout (64-bit), so that the system
 // reads and writes the very records the driver owns.
