@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "driver/aligned_floats.h"
 #include "driver/kernels.h"
 #include "driver/registry.h"
 #include "failure/builder.h"
@@ -16,28 +17,6 @@ namespace NSMME {
 namespace {
 
 constexpr uint32_t kStopWaitMs = 4000;
-
-float* NewChannelBuffer() {
-  void* memory = nullptr;
-  // 16-byte aligned for the conversion kernels.
-  const size_t bytes = kMMEMaxFrames * sizeof(float);
-#if defined(_WIN32)
-  memory = _aligned_malloc(bytes, 16);
-#else
-  if (posix_memalign(&memory, 16, bytes) != 0) memory = nullptr;
-#endif
-  if (memory == nullptr) throw std::bad_alloc();
-  std::memset(memory, 0, bytes);
-  return static_cast<float*>(memory);
-}
-
-void FreeAligned(void* memory) {
-#if defined(_WIN32)
-  _aligned_free(memory);
-#else
-  std::free(memory);
-#endif
-}
 
 }  // namespace
 
@@ -110,11 +89,11 @@ void COpenMMESoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFr
   underruns_ = 0;
   ThrowOnWaveResult(api_.Pause(waveOut_));
   for (int c = 0; c < 2; ++c) {
-    float* buffer = NewChannelBuffer();
+    float* buffer = NSFerrand::NewAlignedFloats(kMMEMaxFrames);
     try {
       outputs_.push_back(buffer);
     } catch (...) {
-      FreeAligned(buffer);
+      NSFerrand::FreeAlignedFloats(buffer);
       throw;
     }
   }
@@ -249,8 +228,8 @@ void COpenMMESoundDriver::CloseStream() {
   samples_ = nullptr;
   api_.Close(waveOut_);
   waveOut_ = nullptr;
-  for (float* buffer : outputs_) FreeAligned(buffer);
-  for (float* buffer : inputs_) FreeAligned(buffer);
+  for (float* buffer : outputs_) NSFerrand::FreeAlignedFloats(buffer);
+  for (float* buffer : inputs_) NSFerrand::FreeAlignedFloats(buffer);
   outputs_.clear();
   inputs_.clear();
   stopping_ = false;
