@@ -2,7 +2,7 @@
 // opens a client on one and plays a sine tone through it, calling Idle from
 // its own thread, with a live line of progress and a summary at the end.
 //
-//   quillon_demo [--list] [--driver NAME | --spec FILE] [--seconds N]
+//   quillon_demo [--list] [--driver NAME [--family FAMILY] | --spec FILE] [--seconds N]
 //                [--save-spec FILE] [--wav FILE] [--fallback] [--library PATH]
 #if defined(_WIN32)
 #include <windows.h>
@@ -214,6 +214,7 @@ struct SOptions {
   bool fallback = false;
   double seconds = 5.0;
   std::string driver = "No Sound";
+  std::string family;  // empty: the first driver of that name in any family
   const char* spec = nullptr;
   const char* saveSpec = nullptr;
   const char* wav = nullptr;
@@ -222,7 +223,8 @@ struct SOptions {
 
 int Usage() {
   std::fprintf(stderr,
-               "usage: quillon_demo [--list] [--driver NAME | --spec FILE] [--seconds N]\n"
+               "usage: quillon_demo [--list] [--driver NAME [--family FAMILY] | --spec FILE]\n"
+               "                    [--seconds N]\n"
                "                    [--save-spec FILE] [--wav FILE] [--fallback] "
                "[--library PATH]\n");
   return 2;
@@ -245,6 +247,8 @@ bool ParseOptions(int argc, char** argv, SOptions& o) {
       }
     } else if (a == "--driver" && hasValue) {
       o.driver = argv[++i];
+    } else if (a == "--family" && hasValue) {
+      o.family = argv[++i];
     } else if (a == "--spec" && hasValue) {
       o.spec = argv[++i];
     } else if (a == "--save-spec" && hasValue) {
@@ -261,10 +265,13 @@ bool ParseOptions(int argc, char** argv, SOptions& o) {
   return true;
 }
 
-const IDriverSpec* FindByName(IVector<const IDriverSpec*>* specs, const std::string& name) {
+// Two families may list a device by the same name: `family` tells them apart.
+const IDriverSpec* FindByName(IVector<const IDriverSpec*>* specs, const std::string& name,
+                              const std::string& family = std::string()) {
   for (int64_t i = 0; i < specs->GetSize(); ++i) {
     SDriverSpecKey key;
-    if (specs->GetData()[i]->GetKeyRecord(&key) == kStatusOk && Field(key.name) == Widen(name)) {
+    if (specs->GetData()[i]->GetKeyRecord(&key) == kStatusOk && Field(key.name) == Widen(name) &&
+        (family.empty() || Field(key.family) == Widen(family))) {
       return specs->GetData()[i];
     }
   }
@@ -375,7 +382,7 @@ int Run(IQuillon* library, const SOptions& options) {
       chosen = loaded;
     }
   } else {
-    chosen = FindByName(specs, options.driver);
+    chosen = FindByName(specs, options.driver, options.family);
     if (chosen == nullptr) {
       std::fprintf(stderr, "quillon_demo: no driver is named \"%s\"; --list shows them\n",
                    options.driver.c_str());

@@ -31,9 +31,12 @@ CQuillonImpl::CQuillonImpl(const SLibraryParams* params) {
     }
     driversLoaded_ = 1;
     timerPeriod_ = new CTimerPeriodScope(kTimerPeriodMs);
-    // ASIO drivers take the host's window: without one there is no family.
+    // ASIO drivers and DirectSound's cooperative level take the host's
+    // window: without one neither family exists.
     if (gWindowHandle != nullptr) {
       asioFamily_ = new NSASIO::CASIOFamilyScope(*PlatformProvider().asio, false, gWindowHandle);
+      directSoundFamily_ =
+          new NSDirectSound::CDirectSoundFamilyScope(*PlatformProvider().directSound, gWindowHandle);
     }
     // MME needs no window: it is there whether the host gave one or not.
     mmeFamily_ = new NSMME::CMMEFamilyScope(*PlatformProvider().waveOut);
@@ -56,6 +59,8 @@ void CQuillonImpl::Teardown() {
     gCurrentLibrary = nullptr;
     delete asioFamily_;
     asioFamily_ = nullptr;
+    delete directSoundFamily_;
+    directSoundFamily_ = nullptr;
     delete mmeFamily_;
     mmeFamily_ = nullptr;
     delete timerPeriod_;

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "asio/asio_family.h"
+#include "directsound/dsound_family.h"
 #include "driver/registry.h"
 #include "mme/mme_family.h"
 #include "public/boundary_object.h"
@@ -54,6 +55,7 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   NSFerrand::CRegistryRef* registryRef_ = nullptr;
   CTimerPeriodScope* timerPeriod_ = nullptr;
   NSASIO::CASIOFamilyScope* asioFamily_ = nullptr;
+  NSDirectSound::CDirectSoundFamilyScope* directSoundFamily_ = nullptr;
   NSMME::CMMEFamilyScope* mmeFamily_ = nullptr;
 };
 

@@ -9,10 +9,12 @@ const SPlatformProvider* gProvider = nullptr;
 void SetPlatformProvider(const SPlatformProvider* provider) { gProvider = provider; }
 
 SPlatformProvider PlatformProvider() {
-  SPlatformProvider provider = {&NSMME::SystemWaveOut(), &NSASIO::SystemASIOPlatform()};
+  SPlatformProvider provider = {&NSMME::SystemWaveOut(), &NSASIO::SystemASIOPlatform(),
+                               &NSDirectSound::SystemDirectSoundApi()};
   if (gProvider == nullptr) return provider;
   if (gProvider->waveOut != nullptr) provider.waveOut = gProvider->waveOut;
   if (gProvider->asio != nullptr) provider.asio = gProvider->asio;
+  if (gProvider->directSound != nullptr) provider.directSound = gProvider->directSound;
   return provider;
 }
 

@@ -5,6 +5,7 @@
 #define QUILLON_PUBLIC_PLATFORM_PROVIDER_H
 
 #include "asio/asio_platform.h"
+#include "directsound/dsound_api.h"
 #include "mme/wave_out.h"
 
 namespace NSQuillon2 {
@@ -13,6 +14,7 @@ namespace NSQuillon2 {
 struct SPlatformProvider {
   NSMME::IWaveOut* waveOut;
   NSASIO::IASIOPlatform* asio;
+  NSDirectSound::IDirectSoundApi* directSound;
 };
 
 // Null puts the system's operations back.

@@ -4,6 +4,7 @@
 
 #include "e2e/e2e_support.h"
 #include "fakes/fake_asio.h"
+#include "fakes/fake_dsound.h"
 #include "support/usable_window.h"
 
 using NSASIO::ASE_HWMalfunction;
@@ -15,6 +16,7 @@ namespace {
 class ASIOClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    noDirectSound.libraryPresent = false;
     device = platform.AddDriver(u"Fake Box", Fakes::FakeClsidText(1), u"ASIO Fake Box");
     device->inputs = 2;
     device->outputs = 4;
@@ -53,7 +55,8 @@ class ASIOClientTest : public ::testing::Test {
 
   Fakes::CFakeWaveOut noWaveOut;
   Fakes::CFakeASIOPlatform platform;
-  SPlatformProvider provider{&noWaveOut, &platform};
+  Fakes::CFakeDirectSound noDirectSound;
+  SPlatformProvider provider{&noWaveOut, &platform, &noDirectSound};
   std::shared_ptr<Fakes::SFakeASIODevice> device;
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -51,6 +52,12 @@ class TestHost final : public IClientHost {
       ++silentBlocks;
     } else {
       ++drivenBlocks;
+      framesRendered += frames;
+      const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              std::chrono::steady_clock::now().time_since_epoch())
+                              .count();
+      const int64_t before = lastRenderMs.exchange(now);
+      if (before != 0 && now - before > longestGapMs.load()) longestGapMs = now - before;
     }
     if (raiseInRender.exchange(false)) throw std::runtime_error("host render");
     return 0;
@@ -87,6 +94,10 @@ class TestHost final : public IClientHost {
   std::atomic<uint64_t> timings[4] = {};
   std::atomic<uint64_t> silentBlocks{0};
   std::atomic<uint64_t> drivenBlocks{0};
+  std::atomic<uint64_t> framesRendered{0};
+  // The longest time between two driven blocks; a test may reset it.
+  std::atomic<int64_t> lastRenderMs{0};
+  std::atomic<int64_t> longestGapMs{0};
   std::atomic<bool> raiseInRender{false};
   std::atomic<int> lost{0};
   SClientSettings lastSettings;
@@ -133,7 +144,7 @@ class LibraryFixture : public ::testing::Test {
   }
 
   Fakes::CFakeWaveOut noWaveOut;
-  SPlatformProvider provider{&noWaveOut, nullptr};
+  SPlatformProvider provider{&noWaveOut, nullptr, nullptr};
   std::unique_ptr<NSFerrand::CRegistryRef> registryHold;
   std::shared_ptr<Fakes::CFakeDriverControl> control;
   std::shared_ptr<Fakes::CFakeDriverControl> otherControl;

@@ -135,7 +135,7 @@ TEST_F(LibraryTest, TwoLibraryObjectsShareOneStorageUntilTheLastIsGone) {
 
 TEST_F(LibraryTest, ListsTheNullDriverAloneWithoutDevices) {
   Fakes::CFakeWaveOut noDevices;
-  const SPlatformProvider provider{&noDevices, nullptr};
+  const SPlatformProvider provider{&noDevices, nullptr, nullptr};
   SetPlatformProvider(&provider);
   IQuillon* library = Create(nullptr, nullptr);
   SetPlatformProvider(nullptr);
@@ -152,7 +152,7 @@ TEST_F(LibraryTest, ListsTheNullDriverAloneWithoutDevices) {
 TEST_F(LibraryTest, TheMMEFamilyComesWithOrWithoutAWindow) {
   Fakes::CFakeWaveOut fake;
   fake.devices.push_back(Fakes::StereoDevice(u"Speakers", {44100}));
-  const SPlatformProvider provider{&fake, nullptr};
+  const SPlatformProvider provider{&fake, nullptr, nullptr};
   SetPlatformProvider(&provider);
   SLibraryParams withWindow = {UsableWindow(), 0};
   for (const SLibraryParams* params : {static_cast<const SLibraryParams*>(nullptr),
