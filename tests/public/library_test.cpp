@@ -5,6 +5,7 @@
 #endif
 
 #include "driver/clock.h"
+#include "fakes/fake_dsound.h"
 #include "fakes/fake_wave_out.h"
 #include "public/platform_provider.h"
 #include "driver/registry.h"
@@ -152,7 +153,11 @@ TEST_F(LibraryTest, ListsTheNullDriverAloneWithoutDevices) {
 TEST_F(LibraryTest, TheMMEFamilyComesWithOrWithoutAWindow) {
   Fakes::CFakeWaveOut fake;
   fake.devices.push_back(Fakes::StereoDevice(u"Speakers", {44100}));
-  const SPlatformProvider provider{&fake, nullptr, nullptr};
+  // No DirectSound here, whatever the system has: the window must not
+  // decide over MME.
+  Fakes::CFakeDirectSound noDirectSound;
+  noDirectSound.libraryPresent = false;
+  const SPlatformProvider provider{&fake, nullptr, &noDirectSound};
   SetPlatformProvider(&provider);
   SLibraryParams withWindow = {UsableWindow(), 0};
   for (const SLibraryParams* params : {static_cast<const SLibraryParams*>(nullptr),
