@@ -109,7 +109,9 @@ HResult CFakeDirectSound::DirectSoundCreate(DSEntry, const SGuid* guid, DSDevice
                                        : candidate.hasGuid && candidate.guid == *guid;
     if (!match) continue;
     if (candidate.inUse) return kAllocated;
-    *device = new SDeviceObject{i};
+    std::lock_guard<std::mutex> hold(lock_);
+    deviceObjects_.emplace_back(new SDeviceObject{i});
+    *device = deviceObjects_.back().get();
     ++liveDevices_;
     return 0;
   }
@@ -156,8 +158,9 @@ HResult CFakeDirectSound::GetCaps(DSDevice device, SDSCaps* caps) {
 }
 
 uint32_t CFakeDirectSound::ReleaseDevice(DSDevice device) {
-  delete static_cast<SDeviceObject*>(device);
-  --liveDevices_;
+  auto* object = static_cast<SDeviceObject*>(device);
+  if (!object->released) --liveDevices_;
+  object->released = true;
   return 0;
 }
 

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -115,6 +116,7 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
  private:
   struct SDeviceObject {
     size_t index;
+    bool released = false;
   };
   struct SBufferObject {
     size_t device = 0;
@@ -126,6 +128,9 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
   uint32_t CursorBytes();
 
   std::mutex lock_;
+  // Device objects live as long as the fake: a reference the library never
+  // gives back is counted, not lost.
+  std::vector<std::unique_ptr<SDeviceObject>> deviceObjects_;
   std::atomic<bool> anyFailures_{false};
   std::map<uint32_t, std::pair<NSDirectSound::HResult, int32_t>> failures_;
   std::atomic<uint64_t> calls_[kDSCallCount] = {};
