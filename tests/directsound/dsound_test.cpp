@@ -391,6 +391,30 @@ TEST_F(DirectSoundTest, AnInUseDeviceHasNoRatesAndDoesNotOpen) {
   EXPECT_EQ(api.LiveDevices(), 0);
 }
 
+TEST_F(DirectSoundTest, OnlyDeviceFailuresAreSwallowedInTheRateTrial) {
+  MakeFamily();
+  NSFerrand::CRegisteredDriverPtr driver = First();
+  // Out of memory and a bad argument are no device in use: they pass on.
+  api.Fail(Fakes::kDSGetCaps, static_cast<HResult>(0x8007000Eu), 1);
+  EXPECT_EQ(FailureOf([&] { delete driver->OpenWithDefaults(&renderer, nullptr); }).first,
+            static_cast<uint32_t>(NSMarlet::kFailureCode_BadAlloc));
+  api.Fail(Fakes::kDSCooperativeLevel, static_cast<HResult>(0x88780046u), 1);
+  EXPECT_EQ(FailureOf([&] { delete driver->OpenWithDefaults(&renderer, nullptr); }).first,
+            static_cast<uint32_t>(NSMarlet::kFailureCode_LogicError_InvalidArgument));
+  // A refused format read drops that one rate and no more.
+  api.Fail(Fakes::kDSGetFormat, static_cast<HResult>(0x80004005u), 1);
+  auto open = std::unique_ptr<COpenDirectSoundDriver>(
+      static_cast<COpenDirectSoundDriver*>(driver->OpenWithDefaults(&renderer, nullptr)));
+  EXPECT_EQ(open->SupportedRates(), (std::vector<uint32_t>{48000, 88200, 96000, 192000}));
+  EXPECT_EQ(api.LiveBuffers(), 2);  // the stream's primary and secondary
+  open.reset();
+  // A device in use is swallowed in the trial: no rates, so no open.
+  api.Fail(Fakes::kDSCreateBuffer, static_cast<HResult>(0x8878000Au), 1);
+  EXPECT_EQ(FailureOf([&] { delete driver->OpenWithDefaults(&renderer, nullptr); }),
+            std::make_pair(static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_Open), true));
+  EXPECT_EQ(api.LiveBuffers(), 0);
+}
+
 TEST_F(DirectSoundTest, AGlobalFocusRefusalIsRetriedWithout) {
   api.refuseGlobalFocus = true;
   auto open = Open();
