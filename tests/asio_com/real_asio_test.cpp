@@ -213,6 +213,18 @@ class RealASIOTest : public ::testing::Test {
     }, milliseconds);
   }
 
+  // Frames rendered over wall time for 10 s of the host's idling.
+  double PaceOverTenSeconds(IClient* client) {
+    const uint64_t startFrames = host.framesRendered;
+    const auto start = std::chrono::steady_clock::now();
+    IdleUntil(client, [&] {
+      return std::chrono::steady_clock::now() - start >= std::chrono::seconds(10);
+    }, 20000);
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return static_cast<double>(host.framesRendered - startFrames) / seconds;
+  }
+
   // The client goes on in silence and hears of the loss once.
   void ExpectLossToldOnce(IClient* client) {
     ASSERT_TRUE(IdleUntil(client, [&] { return host.lost.load() == 1; }, 30000));
@@ -302,15 +314,7 @@ TEST_F(RealASIOTest, PlaysTenSecondsAt256Frames) {
   IClient* client = Open(&flat);
   ASSERT_NE(client, nullptr);
   ASSERT_TRUE(IdleUntil(client, [&] { return host.blocks.load() >= 20; }, 10000));
-  const uint64_t startFrames = host.framesRendered;
-  const auto start = std::chrono::steady_clock::now();
-  ASSERT_TRUE(IdleUntil(client, [&] {
-    return std::chrono::steady_clock::now() - start >= std::chrono::seconds(10);
-  }, 20000));
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const double rate = static_cast<double>(host.framesRendered - startFrames) / seconds;
-  EXPECT_NEAR(rate, 48000.0, 48000.0 * 0.02);
+  EXPECT_NEAR(PaceOverTenSeconds(client), 48000.0, 48000.0 * 0.02);
   EXPECT_EQ(host.positionJumps.load(), 0u);
   EXPECT_EQ(host.lost.load(), 0);
   // Positions apart by both latencies; times by both, at the rate.
@@ -330,15 +334,7 @@ TEST_F(RealASIOTest, PlaysTenSecondsAt64Frames) {
   ASSERT_EQ(client->GetClientSettings(&seen), kStatusOk);
   EXPECT_EQ(seen.bufferFrames, 64u);
   ASSERT_TRUE(IdleUntil(client, [&] { return host.blocks.load() >= 50; }, 10000));
-  const uint64_t startFrames = host.framesRendered;
-  const auto start = std::chrono::steady_clock::now();
-  ASSERT_TRUE(IdleUntil(client, [&] {
-    return std::chrono::steady_clock::now() - start >= std::chrono::seconds(10);
-  }, 20000));
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const double rate = static_cast<double>(host.framesRendered - startFrames) / seconds;
-  EXPECT_NEAR(rate, 48000.0, 48000.0 * 0.02);
+  EXPECT_NEAR(PaceOverTenSeconds(client), 48000.0, 48000.0 * 0.02);
   EXPECT_EQ(host.positionJumps.load(), 0u);
   EXPECT_EQ(host.lost.load(), 0);
   QuillonDestroy(client);

@@ -31,11 +31,7 @@ class ASIOClientTest : public ::testing::Test {
     ASSERT_EQ(status, kStatusOk);
     specs = library->GetDriverSpecs(&status);
     ASSERT_EQ(status, kStatusOk);
-    for (int64_t i = 0; i < specs->GetSize(); ++i) {
-      SDriverSpecKey key;
-      specs->GetData()[i]->GetKeyRecord(&key);
-      if (Text(key.family) == u"ASIO") asio = specs->GetData()[i];
-    }
+    asio = FirstOf(specs, u"ASIO");
     ASSERT_NE(asio, nullptr);
   }
   void TearDown() override {

@@ -11,20 +11,6 @@
 
 namespace {
 
-// The first listed driver of a family, or null.
-const IDriverSpec* FirstOf(IVector<const IDriverSpec*>* specs, const std::u16string& family,
-                           int64_t* position = nullptr) {
-  for (int64_t i = 0; i < specs->GetSize(); ++i) {
-    SDriverSpecKey key;
-    specs->GetData()[i]->GetKeyRecord(&key);
-    if (Text(key.family) == family) {
-      if (position != nullptr) *position = i;
-      return specs->GetData()[i];
-    }
-  }
-  return nullptr;
-}
-
 class DirectSoundClientTest : public ::testing::Test {
  protected:
   void SetUp() override {

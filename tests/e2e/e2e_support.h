@@ -25,6 +25,24 @@
 
 using namespace NSQuillon2;
 
+inline std::u16string Text(const unsigned short* units) {
+  return std::u16string(reinterpret_cast<const char16_t*>(units));
+}
+
+// The first listed driver of a family, and its position, or null.
+inline const IDriverSpec* FirstOf(IVector<const IDriverSpec*>* specs, const std::u16string& family,
+                                  int64_t* position = nullptr) {
+  for (int64_t i = 0; i < specs->GetSize(); ++i) {
+    SDriverSpecKey key;
+    specs->GetData()[i]->GetKeyRecord(&key);
+    if (Text(key.family) == family) {
+      if (position != nullptr) *position = i;
+      return specs->GetData()[i];
+    }
+  }
+  return nullptr;
+}
+
 class TestHost final : public IClientHost {
  public:
   uint32_t Render(IClient* client, uint32_t frames, const float* const* inputs, int32_t inputCount,
@@ -177,13 +195,7 @@ class RealWaveOutFixture : public ::testing::Test {
     ASSERT_NE(library, nullptr);
     specs = library->GetDriverSpecs(&status);
     ASSERT_NE(specs, nullptr);
-    for (int64_t i = 0; i < specs->GetSize() && mme == nullptr; ++i) {
-      SDriverSpecKey key;
-      specs->GetData()[i]->GetKeyRecord(&key);
-      if (std::u16string(reinterpret_cast<const char16_t*>(key.family)) == u"MME") {
-        mme = specs->GetData()[i];
-      }
-    }
+    mme = FirstOf(specs, u"MME");
     if (mme == nullptr) {
       const char* expected = std::getenv("QUILLON_EXPECT_WAVE_OUT");
       ASSERT_FALSE(expected != nullptr && expected[0] == '1') << "no wave-out device is listed";
@@ -227,9 +239,5 @@ class MemorySource final : public IByteSource {
   std::string bytes;
   uint32_t failWith = 0;
 };
-
-inline std::u16string Text(const unsigned short* units) {
-  return std::u16string(reinterpret_cast<const char16_t*>(units));
-}
 
 #endif

@@ -75,19 +75,11 @@ HResult ParseClsid(const char16_t* text, SGuid* clsid) {
 }  // namespace
 
 void SFakeASIODevice::Fail(EASIOCall call, ASIOError result, int32_t times) {
-  std::lock_guard<std::mutex> hold(lock_);
-  failures_[call] = {result, times};
-  anyFailures_ = true;
+  failures_.Fail(call, result, times);
 }
 
 bool SFakeASIODevice::TakeFailure(EASIOCall call, ASIOError& result) {
-  if (!anyFailures_) return false;
-  std::lock_guard<std::mutex> hold(lock_);
-  auto it = failures_.find(call);
-  if (it == failures_.end() || it->second.second == 0) return false;
-  result = it->second.first;
-  if (it->second.second > 0) --it->second.second;
-  return true;
+  return failures_.Take(call, result);
 }
 
 std::vector<std::string> SFakeASIODevice::Log() {
@@ -475,16 +467,12 @@ void CFakeASIOPlatform::SetValue(RegistryKey root, const std::u16string& path,
 }
 
 void CFakeASIOPlatform::Fail(EASIOPlatformCall call, int32_t result, int32_t times) {
-  failures_[call] = {result, times};
+  failures_.Fail(call, result, times);
 }
 
 bool CFakeASIOPlatform::TakeFailure(EASIOPlatformCall call, int32_t& result) {
   ++calls_[call];
-  auto it = failures_.find(call);
-  if (it == failures_.end() || it->second.second == 0) return false;
-  result = it->second.first;
-  if (it->second.second > 0) --it->second.second;
-  return true;
+  return failures_.Take(call, result);
 }
 
 int32_t CFakeASIOPlatform::OpenKey(EASIOPlatformCall call, RegistryKey parent,

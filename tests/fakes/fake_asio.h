@@ -17,6 +17,7 @@
 
 #include "asio/asio_interface.h"
 #include "asio/asio_platform.h"
+#include "fakes/failure_plan.h"
 
 namespace Fakes {
 
@@ -120,9 +121,7 @@ struct SFakeASIODevice {
  private:
   friend class CFakeASIODriver;
   std::mutex lock_;
-  // Calls on the driver's thread skip the lock while nothing is to fail.
-  std::atomic<bool> anyFailures_{false};
-  std::map<uint32_t, std::pair<NSASIO::ASIOError, int32_t>> failures_;
+  CFailurePlan failures_;
   std::vector<std::string> log_;
   CFakeASIODriver* live_ = nullptr;
 };
@@ -264,7 +263,7 @@ class CFakeASIOPlatform final : public NSASIO::IASIOPlatform {
   SKey classesRoot_;
   std::vector<std::pair<NSASIO::SGuid, std::shared_ptr<SFakeASIODevice>>> classes_;
   std::set<std::u16string> files_;
-  std::map<uint32_t, std::pair<int32_t, int32_t>> failures_;
+  CFailurePlan failures_;
   std::atomic<uint64_t> calls_[kPlatformCallCount] = {};
   std::atomic<int32_t> openKeys_{0};
   static std::atomic<int32_t> liveStrings_;

@@ -26,20 +26,12 @@ CFakeDirectSound::CFakeDirectSound() {
 CFakeDirectSound::~CFakeDirectSound() = default;
 
 void CFakeDirectSound::Fail(EDSCall call, HResult result, int32_t times) {
-  std::lock_guard<std::mutex> hold(lock_);
-  failures_[call] = {result, times};
-  anyFailures_ = true;
+  failures_.Fail(call, result, times);
 }
 
 bool CFakeDirectSound::TakeFailure(EDSCall call, HResult& result) {
   ++calls_[call];
-  if (!anyFailures_) return false;
-  std::lock_guard<std::mutex> hold(lock_);
-  auto it = failures_.find(call);
-  if (it == failures_.end() || it->second.second == 0) return false;
-  result = it->second.first;
-  if (it->second.second > 0) --it->second.second;
-  return true;
+  return failures_.Take(call, result);
 }
 
 void CFakeDirectSound::Advance(int32_t frames) {

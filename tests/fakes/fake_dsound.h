@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "directsound/dsound_api.h"
+#include "fakes/failure_plan.h"
 
 namespace Fakes {
 
@@ -131,8 +132,7 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
   // Device objects live as long as the fake: a reference the library never
   // gives back is counted, not lost.
   std::vector<std::unique_ptr<SDeviceObject>> deviceObjects_;
-  std::atomic<bool> anyFailures_{false};
-  std::map<uint32_t, std::pair<NSDirectSound::HResult, int32_t>> failures_;
+  CFailurePlan failures_;
   std::atomic<uint64_t> calls_[kDSCallCount] = {};
   std::atomic<int32_t> liveDevices_{0};
   std::atomic<int32_t> liveBuffers_{0};
