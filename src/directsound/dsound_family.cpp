@@ -92,6 +92,7 @@ CDirectSoundFamily::~CDirectSoundFamily() {
   } catch (...) {
   }
   hostWindow = nullptr;
+  boundApi = nullptr;
 }
 
 void CDirectSoundFamily::Bind() {
