@@ -18,6 +18,7 @@
 
 #include "asio/asio_interface.h"
 #include "asio_driver/test_driver_stats.h"
+#include "fakes/asio_sample_bytes.h"
 #include "kernels/reference.h"
 
 using namespace NSASIO;
@@ -155,18 +156,6 @@ bool LoadConfig(const SGuid& clsid, SConfig& config) {
   }
   RegCloseKey(root);
   return found;
-}
-
-size_t BytesPerSample(DWORD type) {
-  switch (type) {
-    case ASIOSTInt16MSB:
-    case ASIOSTInt16LSB: return 2;
-    case ASIOSTInt24MSB:
-    case ASIOSTInt24LSB: return 3;
-    case ASIOSTFloat64MSB:
-    case ASIOSTFloat64LSB: return 8;
-    default: return 4;
-  }
 }
 
 // The ramp the test host renders, and the bytes each type makes of it.
@@ -379,7 +368,7 @@ class CTestDriver final : public IASIO, public IASIOHardwareIdentity {
     if (frames < config_.minSize || frames > config_.maxSize) return ASE_InvalidMode;
     buffers_.clear();
     outputs_.clear();
-    const size_t bytes = static_cast<size_t>(frames) * BytesPerSample(config_.sampleType);
+    const size_t bytes = static_cast<size_t>(frames) * Fakes::BytesPerSample(config_.sampleType);
     buffers_.reserve(static_cast<size_t>(count) * 2);
     for (int32_t i = 0; i < count; ++i) {
       const DWORD limit = infos[i].isInput ? config_.inputs : config_.outputs;
@@ -524,7 +513,7 @@ class CTestDriver final : public IASIO, public IASIOHardwareIdentity {
   }
 
   void CheckOutputs(int32_t half) {
-    const size_t size = BytesPerSample(config_.sampleType);
+    const size_t size = Fakes::BytesPerSample(config_.sampleType);
     uint64_t wrong = 0;
     for (const SOutput& output : outputs_) {
       const uint8_t* buffer = buffers_[static_cast<size_t>(output.entry) * 2 +

@@ -1,5 +1,7 @@
 #include "fakes/fake_asio.h"
 
+#include "fakes/asio_sample_bytes.h"
+
 #include <chrono>
 #include <cstring>
 
@@ -19,18 +21,6 @@ bool SameName(const std::u16string& a, const std::u16string& b) {
     if (Lower(a[i]) != Lower(b[i])) return false;
   }
   return true;
-}
-
-size_t BytesPerSample(ASIOSampleType type) {
-  switch (type) {
-    case ASIOSTInt16MSB:
-    case ASIOSTInt16LSB: return 2;
-    case ASIOSTInt24MSB:
-    case ASIOSTInt24LSB: return 3;
-    case ASIOSTFloat64MSB:
-    case ASIOSTFloat64LSB: return 8;
-    default: return 4;
-  }
 }
 
 void CopyName(char* target, const std::string& text) {
