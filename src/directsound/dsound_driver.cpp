@@ -232,15 +232,11 @@ void COpenDirectSoundDriver::Run() {
     } catch (...) {
     }
     // The opener's release of the stop mutex is the signal to end.
-    const NSPlatform::EWaitResult wait = stopMutex_->WaitResult(1);
-    if (wait == NSPlatform::kWaitTimeout) continue;
-    if (wait == NSPlatform::kWaitObject || wait == NSPlatform::kWaitAbandoned) {
-      stopMutex_->Unlock();
-    } else {
-      // A wait that fails would make the loop spin: the stream is no longer kept.
-      failed_ = true;
+    switch (NSFerrand::StopWaitStep(stopMutex_->WaitResult(1))) {
+      case NSFerrand::kPumpAgain: continue;
+      case NSFerrand::kStopAsked: stopMutex_->Unlock(); return;
+      case NSFerrand::kWaitBroken: failed_ = true; return;
     }
-    return;
   }
 }
 

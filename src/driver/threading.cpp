@@ -39,6 +39,15 @@ bool CLockableMutex::TimedLock(uint32_t milliseconds) {
   }
 }
 
+EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result) {
+  switch (result) {
+    case NSPlatform::kWaitTimeout: return kPumpAgain;
+    case NSPlatform::kWaitObject:
+    case NSPlatform::kWaitAbandoned: return kStopAsked;
+    default: return kWaitBroken;
+  }
+}
+
 NSPlatform::EWaitResult CLockableMutex::WaitResult(uint32_t milliseconds) {
   return NSPlatform::WaitMutex(mutex_, milliseconds);
 }

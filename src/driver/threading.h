@@ -70,6 +70,12 @@ class CTryScopedLock {
   bool locked_;
 };
 
+// What a streaming thread does after its short wait on the stop mutex. A
+// wait that failed would make the loop spin: the thread ends, and its
+// driver reports itself failed, since the stream is no longer kept up.
+enum EStopWaitStep { kPumpAgain, kStopAsked, kWaitBroken };
+EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result);
+
 class IThreadFunction {
  public:
   virtual void Run() = 0;

@@ -179,15 +179,6 @@ void COpenMMESoundDriver::Run() {
   }
 }
 
-EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result) {
-  switch (result) {
-    case NSPlatform::kWaitTimeout: return kPumpAgain;
-    case NSPlatform::kWaitObject:
-    case NSPlatform::kWaitAbandoned: return kStopAsked;
-    default: return kWaitBroken;
-  }
-}
-
 void COpenMMESoundDriver::CloseStream() {
   if (waveOut_ == nullptr) return;
   stopping_ = true;

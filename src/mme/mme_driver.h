@@ -27,11 +27,11 @@ constexpr uint32_t kMMEMinFrames = 1024;
 // A requested size, limited to those the driver offers.
 uint32_t MMEFramesFor(uint32_t requested);
 
-// What the streaming thread does after its 1 ms wait on the stop mutex. A
-// wait that failed would make the loop spin: the thread ends, and the driver
-// reports itself failed, since the stream is no longer kept up.
-enum EStopWaitStep { kPumpAgain, kStopAsked, kWaitBroken };
-EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result);
+using NSFerrand::EStopWaitStep;
+using NSFerrand::kPumpAgain;
+using NSFerrand::kStopAsked;
+using NSFerrand::kWaitBroken;
+using NSFerrand::StopWaitStep;
 
 // Blocks the pump keeps queued for a buffer size: whole blocks, rounded up.
 int32_t TargetBlocks(uint32_t bufferFrames);
