@@ -163,19 +163,17 @@ COpenASIOSoundDriver::COpenASIOSoundDriver(const CWideString& driverName,
                                            void* hardwareContext)
     : hardwareContext_(hardwareContext) {
   if (openDrivers != 0) RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver());
-  if (settings != nullptr) {
-    const CSoundDriverSettings copy = *settings;
-    host_ = new CASIODriverHost(driverName, renderer, hardwareContext, &copy);
+  const CSoundDriverSettings copy = settings != nullptr ? *settings : CSoundDriverSettings();
+  host_ = new CASIODriverHost(driverName, renderer, hardwareContext,
+                              settings != nullptr ? &copy : nullptr);
+  // A host left behind would stream on into the renderer beside the
+  // handle's silent thread, and keep the process's one driver loaded.
+  try {
     BindHardwareDevice();
-  } else {
-    host_ = new CASIODriverHost(driverName, renderer, hardwareContext, nullptr);
-    try {
-      BindHardwareDevice();
-    } catch (...) {
-      delete host_;
-      host_ = nullptr;
-      throw;
-    }
+  } catch (...) {
+    delete host_;
+    host_ = nullptr;
+    throw;
   }
   ++openDrivers;
 }
@@ -188,15 +186,25 @@ COpenASIOSoundDriver::~COpenASIOSoundDriver() {
   } catch (...) {
   }
   host_ = nullptr;
-  hardwareDevice_ = nullptr;
+  hardwareDevice_.reset();
 }
 
 void COpenASIOSoundDriver::BindHardwareDevice() {
-  // Without a context, or a driver that names no device, there is nothing
-  // to bind; the shared devices that a context and an identity make come
-  // with the hardware glue.
   if (hardwareContext_ == nullptr || host_->Identity().empty()) return;
-  hardwareDevice_ = nullptr;
+  const NSZEPGlue::CGluePtr& glue = *static_cast<NSZEPGlue::CGluePtr*>(hardwareContext_);
+  if (!glue) return;
+  try {
+    NSZEPGlue::CSharedDevicePtr device(new NSZEPGlue::CSharedDeviceImpl(glue, host_->Identity()));
+    hardwareDevice_.swap(device);
+  } catch (const NSMarlet::XOpen& cause) {
+    // A new failure of this driver's own, with the library's as its cause.
+    NSMarlet::CFailureBuilder builder{NSMarlet::CSourcePosition()};
+    builder.SetFromException(cause);
+    NSMarlet::CFailureEntry entry;
+    entry.failureCode = NSMarlet::kFailureCode_RuntimeError_Open;
+    builder.SetEntry(entry);
+    NSMarlet::RaiseBody(builder);
+  }
 }
 
 CSoundDriverSettings& COpenASIOSoundDriver::GetSettings(CSoundDriverSettings& settings) {
@@ -255,11 +263,15 @@ void COpenASIOSoundDriver::SetInputMonitor(uint32_t input, const CInputMonitorSe
   host_->SetInputMonitor(input, setting);
 }
 
-bool COpenASIOSoundDriver::HasControlPanel() { return hardwareDevice_ == nullptr; }
+bool COpenASIOSoundDriver::HasControlPanel() {
+  return !hardwareDevice_ || hardwareDevice_->HasControlPanel();
+}
 
-bool COpenASIOSoundDriver::HasHardwareDevice() { return hardwareDevice_ != nullptr; }
+bool COpenASIOSoundDriver::HasHardwareDevice() { return hardwareDevice_.get() != nullptr; }
 
-NSFerrand::CHardwareDevice* COpenASIOSoundDriver::GetHardwareDevice() { return hardwareDevice_; }
+NSFerrand::CHardwareDevice* COpenASIOSoundDriver::GetHardwareDevice() {
+  return hardwareDevice_.get();
+}
 
 bool COpenASIOSoundDriver::ShowControlPanel() { return host_->ShowPanel(); }
 

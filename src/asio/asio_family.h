@@ -11,6 +11,7 @@
 #include "asio/asio_host.h"
 #include "asio/asio_platform.h"
 #include "driver/registry.h"
+#include "hardware/glue.h"
 
 namespace NSASIO {
 
@@ -72,13 +73,13 @@ class COpenASIOSoundDriver final : public NSFerrand::CABCOpenSoundDriver {
   CASIODriverHost& Host() { return *host_; }
 
  private:
-  // Binding to a hardware device comes with the hardware glue; until then
-  // a driver has none, whatever its identity.
+  // Opens the device the driver names, through the glue that the context
+  // points to; a driver that names none has no device.
   void BindHardwareDevice();
 
   CASIODriverHost* host_ = nullptr;
   void* hardwareContext_;
-  NSFerrand::CHardwareDevice* hardwareDevice_ = nullptr;
+  NSZEPGlue::CSharedDevicePtr hardwareDevice_;
 };
 
 // The family's registration, counted: the first scope lists the drivers and

@@ -11,6 +11,7 @@
 #include "public/library.h"
 #include "public/status.h"
 #include "public/vectors.h"
+#include "public/zep_handler.h"
 
 namespace NSQuillon2 {
 
@@ -49,10 +50,14 @@ CQuillonClient::CQuillonClient(CQuillonImpl* library, IClientHost* host,
     : library_(library), host_(host), lastRenderTime_(NSFerrand::GetTickCount32()),
       watchdogArmedTime_(lastRenderTime_.load()) {
   ++guardCount_;
+  void* context = HardwareContext();
   handle_ = settings != nullptr
-                ? new NSFerrand::COpenSoundDriverHandle(driver, *settings, this, nullptr)
-                : new NSFerrand::COpenSoundDriverHandle(driver, this, nullptr);
+                ? new NSFerrand::COpenSoundDriverHandle(driver, *settings, this, context)
+                : new NSFerrand::COpenSoundDriverHandle(driver, this, context);
   lostReported_ = handle_->IsDriverLost() ? 1 : 0;
+  if (!handle_->IsDriverLost() && library_->HardwareHandler() != nullptr) {
+    library_->HardwareHandler()->SetBoundDevice(handle_->GetHardwareDevice());
+  }
   ++gClientCount;
   // The first Idle reports no change older than the client.
   NSFerrand::CRegistryRef registry;
@@ -62,6 +67,14 @@ CQuillonClient::CQuillonClient(CQuillonImpl* library, IClientHost* host,
 
 CQuillonClient::~CQuillonClient() {
   NSMarlet::COptionalFailureScope scope;
+  // A button event between two clients goes nowhere.
+  if (CZEPLibHandler* handler = library_->HardwareHandler()) {
+    try {
+      handler->SetBoundDevice(nullptr);
+      handler->SetButtonContext(nullptr);
+    } catch (...) {
+    }
+  }
   delete handle_;
   handle_ = nullptr;
   library_ = nullptr;
@@ -107,13 +120,21 @@ uint32_t CQuillonClient::Unguarded(Work work) {
   }
 }
 
-void CQuillonClient::ReportRunning(uint32_t* running) {
+void* CQuillonClient::HardwareContext() const {
+  CZEPLibHandler* handler = library_->HardwareHandler();
+  return handler != nullptr ? handler->GetGlue() : nullptr;
+}
+
+void CQuillonClient::ReportRunning(uint32_t* running, bool bindDevice) {
   if (handle_->IsDriverLost()) {
     Put(running, 0u);
     lostReported_ = 1;
   } else {
     Put(running, 1u);
     lostReported_ = 0;
+    if (bindDevice && library_->HardwareHandler() != nullptr) {
+      library_->HardwareHandler()->SetBoundDevice(handle_->GetHardwareDevice());
+    }
   }
 }
 
@@ -123,8 +144,8 @@ uint32_t CQuillonClient::SetDriver(const IDriverSpec* spec, uint32_t* running) {
     const CRegisteredDriverPtr driver = library_->ResolveDriverSpec(spec, &status);
     if (status != kStatusOk) ThrowFromStatus(status);
     lostReported_ = 0;
-    SwallowingLostDriver([&] { handle_->SwitchDriver(driver, nullptr); });
-    ReportRunning(running);
+    SwallowingLostDriver([&] { handle_->SwitchDriver(driver, HardwareContext()); });
+    ReportRunning(running, true);
   });
 }
 
@@ -138,8 +159,9 @@ uint32_t CQuillonClient::SetDriverWithSettings(const IDriverSpec* spec,
     if (status != kStatusOk) ThrowFromStatus(status);
     lostReported_ = 0;
     const CSoundDriverSettings wanted = MakeDriverSettings(*settings);
-    SwallowingLostDriver([&] { handle_->SwitchDriverWithSettings(driver, wanted, nullptr); });
-    ReportRunning(running);
+    SwallowingLostDriver(
+        [&] { handle_->SwitchDriverWithSettings(driver, wanted, HardwareContext()); });
+    ReportRunning(running, true);
   });
 }
 
@@ -197,7 +219,7 @@ uint32_t CQuillonClient::ApplyClientSettings(const SClientSettings* settings, ui
     MergeClientSettings(*settings, inForce);
     lostReported_ = 0;
     SwallowingLostDriver([&] { handle_->ApplyDriverSettings(inForce); });
-    ReportRunning(running);
+    ReportRunning(running, false);
   });
 }
 
@@ -238,50 +260,67 @@ uint32_t CQuillonClient::HasHardwareDevice(uint8_t* has) {
   });
 }
 
-// Every hardware operation needs the device of the driver in use first; the
-// hardware glue that answers them joins the library later, so for now each
-// ends at that check.
-void CQuillonClient::RequireDevice() {
-  if (handle_->GetHardwareDevice() == nullptr) RaiseNoDevice();
+NSZEPGlue::CSharedDeviceImpl& CQuillonClient::RequiredDevice() {
+  NSZEPGlue::CSharedDeviceImpl* device = handle_->GetHardwareDevice();
+  if (device == nullptr) RaiseNoDevice();
+  return *device;
 }
 
-uint32_t CQuillonClient::GetGainSafePaddedChannel(uint32_t, int32_t*) {
+uint32_t CQuillonClient::MapActiveChannel(uint32_t channel) {
+  CSoundDriverSettings inForce;
+  handle_->ReadDriverSettings(inForce);
+  const uint32_t wanted = channel / 2;
+  uint32_t seen = 0;
+  for (uint64_t pair = 0; pair < inForce.inputPairs.Count(); ++pair) {
+    if (!inForce.inputPairs.Get(pair)) continue;
+    if (seen == wanted) return static_cast<uint32_t>(2 * pair + channel % 2);
+    ++seen;
+  }
+  RaiseInvalidArgument();
+}
+
+uint32_t CQuillonClient::GetGainSafePaddedChannel(uint32_t channel, int32_t* padded) {
   return Unguarded([&] {
-    RequireDevice();
+    if (padded == nullptr) RaiseInvalidArgument();
+    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
+    *padded = static_cast<int32_t>(device.GetGainSafePaddedChannel(MapActiveChannel(channel)));
   });
 }
 
-uint32_t CQuillonClient::GetGainSafePaddingDb(uint32_t, float*) {
+uint32_t CQuillonClient::GetGainSafePaddingDb(uint32_t channel, float* paddingDb) {
   return Unguarded([&] {
-    RequireDevice();
+    if (paddingDb == nullptr) RaiseInvalidArgument();
+    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
+    *paddingDb = device.GetGainSafePaddingDb(MapActiveChannel(channel));
   });
 }
 
-uint32_t CQuillonClient::SetGainSafeRoutingEnable(uint32_t, uint32_t) {
+uint32_t CQuillonClient::SetGainSafeRoutingEnable(uint32_t channel, uint32_t enable) {
   return Unguarded([&] {
-    RequireDevice();
+    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
+    device.SetGainSafeRoutingEnable(MapActiveChannel(channel), enable != 0);
   });
 }
 
 uint32_t CQuillonClient::SetGainSafeIndicator(uint32_t selector) {
   return Unguarded([&] {
-    RequireDevice();
+    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
     if (selector < kGainSafeIndicatorState0 || selector > kGainSafeIndicatorState2) {
       RaiseInvalidArgument();
     }
+    device.SetGainSafeIndicator(selector - kGainSafeIndicatorState0);
   });
 }
 
-uint32_t CQuillonClient::SetChannelActiveIndicator(uint32_t, uint32_t) {
+uint32_t CQuillonClient::SetChannelActiveIndicator(uint32_t channel, uint32_t active) {
   return Unguarded([&] {
-    RequireDevice();
+    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
+    device.SetChannelActiveIndicator(MapActiveChannel(channel), active != 0);
   });
 }
 
 uint32_t CQuillonClient::ClearDirectMonitoring() {
-  return Unguarded([&] {
-    RequireDevice();
-  });
+  return Unguarded([&] { RequiredDevice().SetDirectMonitoring(false); });
 }
 
 uint32_t CQuillonClient::SuspendDriver() {
@@ -290,8 +329,8 @@ uint32_t CQuillonClient::SuspendDriver() {
 
 uint32_t CQuillonClient::ResumeDriver(uint32_t* running) {
   return Guarded([&] {
-    handle_->ResumeDriver(nullptr);
-    ReportRunning(running);
+    handle_->ResumeDriver(HardwareContext());
+    ReportRunning(running, true);
   });
 }
 
@@ -327,6 +366,22 @@ void CQuillonClient::RunWatchdog() {
   }
 }
 
+void CQuillonClient::WorkOffConnectionChange() {
+  CZEPLibHandler* handler = library_->HardwareHandler();
+  if (handler == nullptr || !handler->TakeConnectionChange()) return;
+  library_->RescanASIO();
+  NSZEPGlue::CSharedDeviceImpl* device = handle_->GetHardwareDevice();
+  NSZEPGlue::CGluePtr* glue = handler->GetGlue();
+  if (device == nullptr || !*glue) return;
+  std::vector<std::string> present;
+  (*glue)->GetCurrentDeviceNames(present);
+  for (const std::string& name : present) {
+    if (name == device->GetDeviceName()) return;
+  }
+  // Unplugged: its driver stops here, on the host's thread.
+  if (!handle_->IsDriverLost()) handle_->EnterSilentMode();
+}
+
 uint32_t CQuillonClient::Idle() {
   if (guardCount_ != 0) return kStatusNotReady;
   try {
@@ -338,6 +393,7 @@ uint32_t CQuillonClient::Idle() {
     try {
       SwallowingLostDriver([&] { handle_->PollDriver(); });
       RunWatchdog();
+      WorkOffConnectionChange();
       if (handle_->TakeHandleSettingsChanged()) {
         CSoundDriverSettings inForce;
         handle_->ReadDriverSettings(inForce);

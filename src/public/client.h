@@ -73,13 +73,19 @@ class CQuillonClient final : public TBoundaryObject<CQuillonClient, IClient>,
   // A new list of one field of the driver's description.
   template <class Interface, class Vector, class Values>
   Interface* InfoList(uint32_t* status, Values NSFerrand::COpenSoundDriverInfo::*field);
-  // The hardware operations start here: no device, no operation.
-  void RequireDevice();
   // A failure scope and status, without the guard.
   template <class Work>
   uint32_t Unguarded(Work work);
-  // Reports a driver (re)start in `running` and lostReported.
-  void ReportRunning(uint32_t* running);
+  // Reports a driver (re)start in `running` and lostReported; with
+  // `bindDevice`, tells the hardware handler the device of the new driver.
+  void ReportRunning(uint32_t* running, bool bindDevice);
+  // The hardware context for opening a driver: the handler's glue, or null.
+  void* HardwareContext() const;
+  // Idle's share of the hardware: one connection change per call.
+  void WorkOffConnectionChange();
+  // The host's input channel number as the device counts its channels.
+  uint32_t MapActiveChannel(uint32_t channel);
+  NSZEPGlue::CSharedDeviceImpl& RequiredDevice();
   void RunWatchdog();
 
   CQuillonImpl* library_;

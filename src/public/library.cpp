@@ -29,12 +29,21 @@ CQuillonImpl::CQuillonImpl(const SLibraryParams* params) {
     if (params != nullptr && params->windowHandle != nullptr) {
       gWindowHandle = params->windowHandle;
     }
+    if (params != nullptr && (params->flags & kLibraryFlagUseHardware) != 0) {
+      try {
+        hardwareHandler_ = new CZEPLibHandler(*PlatformProvider().hardware);
+      } catch (const NSMarlet::XAlreadyExists&) {
+        // One connection per process: this object works without one.
+        hardwareHandler_ = nullptr;
+      }
+    }
     driversLoaded_ = 1;
     timerPeriod_ = new CTimerPeriodScope(kTimerPeriodMs);
     // ASIO drivers and DirectSound's cooperative level take the host's
     // window: without one neither family exists.
     if (gWindowHandle != nullptr) {
-      asioFamily_ = new NSASIO::CASIOFamilyScope(*PlatformProvider().asio, false, gWindowHandle);
+      asioFamily_ = new NSASIO::CASIOFamilyScope(*PlatformProvider().asio,
+                                                 hardwareHandler_ != nullptr, gWindowHandle);
       directSoundFamily_ =
           new NSDirectSound::CDirectSoundFamilyScope(*PlatformProvider().directSound, gWindowHandle);
     }
@@ -56,6 +65,9 @@ CQuillonImpl::~CQuillonImpl() {
 
 void CQuillonImpl::Teardown() {
   try {
+    CZEPLibHandler* handler = hardwareHandler_;
+    hardwareHandler_ = nullptr;
+    delete handler;
     gCurrentLibrary = nullptr;
     delete asioFamily_;
     asioFamily_ = nullptr;
@@ -169,21 +181,38 @@ NSFerrand::CRegisteredDriverPtr CQuillonImpl::ResolveDriverSpec(const IDriverSpe
   }
 }
 
-IClient* CQuillonImpl::NewClient(IClientHost* host, const IDriverSpec* spec,
-                                 const SClientSettings* settings, uint32_t* running,
-                                 uint32_t* status) {
+void CQuillonImpl::RescanASIO() {
+  if (asioFamily_ != nullptr) NSASIO::CASIOFamilyScope::RefreshRegistration();
+}
+
+bool CQuillonImpl::HardwareBusy(uint32_t* status) const {
+  // The handler has room for one current device, so for one client.
+  if (hardwareHandler_ == nullptr || gClientCount <= 0) return false;
+  Put(status, static_cast<uint32_t>(kStatusIllegalCall));
+  return true;
+}
+
+IClient* CQuillonImpl::NewClient(IClientHost* host, IHardwareEventSink* context,
+                                 const IDriverSpec* spec, const SClientSettings* settings,
+                                 uint32_t* running, uint32_t* status) {
   const NSFerrand::CRegisteredDriverPtr driver = ResolveDriverSpec(spec, status);
   if (!driver) return nullptr;
   const NSFerrand::CSoundDriverSettings wanted =
       settings != nullptr ? MakeDriverSettings(*settings) : NSFerrand::CSoundDriverSettings();
   CQuillonClient* client =
       new CQuillonClient(this, host, driver, settings != nullptr ? &wanted : nullptr);
-  Put(running, client->Handle().IsDriverLost() ? 0u : 1u);
+  if (client->Handle().IsDriverLost()) {
+    Put(running, 0u);
+  } else {
+    Put(running, 1u);
+    if (hardwareHandler_ != nullptr) hardwareHandler_->SetButtonContext(context);
+  }
   Put(status, static_cast<uint32_t>(kStatusOk));
   return client;
 }
 
-IClient* CQuillonImpl::CreateClient(IClientHost* host, IHardwareEventSink*, const IDriverSpec* spec,
+IClient* CQuillonImpl::CreateClient(IClientHost* host, IHardwareEventSink* context,
+                                    const IDriverSpec* spec,
                                     uint32_t* running, uint32_t* status) {
   try {
     NSMarlet::CFailureScope scope;
@@ -196,14 +225,15 @@ IClient* CQuillonImpl::CreateClient(IClientHost* host, IHardwareEventSink*, cons
       Put(status, static_cast<uint32_t>(kStatusInvalidArgument));
       return nullptr;
     }
-    return NewClient(host, spec, nullptr, running, status);
+    if (HardwareBusy(status)) return nullptr;
+    return NewClient(host, context, spec, nullptr, running, status);
   } catch (...) {
     Put(status, StatusFromCurrentFailure());
     return nullptr;
   }
 }
 
-IClient* CQuillonImpl::CreateClientWithSettings(IClientHost* host, IHardwareEventSink*,
+IClient* CQuillonImpl::CreateClientWithSettings(IClientHost* host, IHardwareEventSink* context,
                                                 const IDriverSpec* spec,
                                                 const SClientSettings* settings,
                                                 uint32_t* running, uint32_t* status) {
@@ -211,14 +241,19 @@ IClient* CQuillonImpl::CreateClientWithSettings(IClientHost* host, IHardwareEven
     Put(status, static_cast<uint32_t>(kStatusNotValid));
     return nullptr;
   }
-  if (host == nullptr || settings == nullptr || !IsSoundRecord(*settings)) {
+  if (host == nullptr) {
+    Put(status, static_cast<uint32_t>(kStatusInvalidArgument));
+    return nullptr;
+  }
+  if (HardwareBusy(status)) return nullptr;
+  if (settings == nullptr || !IsSoundRecord(*settings)) {
     Put(status, static_cast<uint32_t>(kStatusInvalidArgument));
     return nullptr;
   }
   try {
     NSMarlet::CFailureScope scope;
     Put(status, static_cast<uint32_t>(kStatusRuntimeError));
-    return NewClient(host, spec, settings, running, status);
+    return NewClient(host, context, spec, settings, running, status);
   } catch (...) {
     Put(status, StatusFromCurrentFailure());
     return nullptr;

@@ -10,6 +10,7 @@
 #include "mme/mme_family.h"
 #include "public/boundary_object.h"
 #include "public/timer_period_scope.h"
+#include "public/zep_handler.h"
 #include "quillon/quillon.h"
 
 namespace NSQuillon2 {
@@ -41,18 +42,25 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   uint8_t DriversLoaded() const { return driversLoaded_; }
   bool HoldsRegistry() const { return registryRef_ != nullptr; }
   const CTimerPeriodScope* TimerPeriod() const { return timerPeriod_; }
+  // Null unless the host asked for the hardware library and it connected.
+  CZEPLibHandler* HardwareHandler() const { return hardwareHandler_; }
+  // Lists the ASIO drivers again, by the devices connected now.
+  void RescanASIO();
 
  private:
   void Teardown();
   // Counts a driver of the list unless it is the null driver of an object
   // whose families are not loaded.
   bool Listed(const NSFerrand::CRegisteredSoundDriverInfo& info) const;
-  IClient* NewClient(IClientHost* host, const IDriverSpec* spec, const SClientSettings* settings,
-                     uint32_t* running, uint32_t* status);
+  // 995 when the hardware handler already serves a client.
+  bool HardwareBusy(uint32_t* status) const;
+  IClient* NewClient(IClientHost* host, IHardwareEventSink* context, const IDriverSpec* spec,
+                     const SClientSettings* settings, uint32_t* running, uint32_t* status);
 
   uint8_t driversLoaded_ = 0;
   // Created first and released last: the families register in it.
   NSFerrand::CRegistryRef* registryRef_ = nullptr;
+  CZEPLibHandler* hardwareHandler_ = nullptr;
   CTimerPeriodScope* timerPeriod_ = nullptr;
   NSASIO::CASIOFamilyScope* asioFamily_ = nullptr;
   NSDirectSound::CDirectSoundFamilyScope* directSoundFamily_ = nullptr;

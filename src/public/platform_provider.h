@@ -6,6 +6,7 @@
 
 #include "asio/asio_platform.h"
 #include "directsound/dsound_api.h"
+#include "hardware/zep_platform.h"
 #include "mme/wave_out.h"
 
 namespace NSQuillon2 {
@@ -15,6 +16,7 @@ struct SPlatformProvider {
   NSMME::IWaveOut* waveOut;
   NSASIO::IASIOPlatform* asio;
   NSDirectSound::IDirectSoundApi* directSound;
+  NSZEPGlue::IZEPPlatform* hardware;
 };
 
 // Null puts the system's operations back.

@@ -341,13 +341,15 @@ TEST_F(OpenDriverTest, AFailedOpenLeavesNothingBehind) {
   EXPECT_EQ(device->liveObjects.load(), 0);
 }
 
-TEST_F(OpenDriverTest, WithAContextTheIdentityIsReadButNoDeviceBound) {
+// Binding itself is tested with the hardware library, in the end-to-end
+// tests: here the context holds no connection.
+TEST_F(OpenDriverTest, WithAnEmptyGlueTheIdentityIsReadButNoDeviceBound) {
   device->hasIdentity = true;
   device->identity = u"unit-7";
   CASIORegisteredSoundDriver registered(u"ASIO Fake", u"Fake");
-  int context = 0;
+  NSZEPGlue::CGluePtr noGlue;
   std::unique_ptr<NSFerrand::CABCOpenSoundDriver> open(
-      registered.OpenWithDefaults(&renderer, &context));
+      registered.OpenWithDefaults(&renderer, &noGlue));
   EXPECT_EQ(static_cast<COpenASIOSoundDriver&>(*open).Host().Identity(), "unit-7");
   EXPECT_FALSE(open->HasHardwareDevice());
   EXPECT_EQ(platform.LiveStrings(), 0);

@@ -52,7 +52,7 @@ class ASIOClientTest : public ::testing::Test {
   Fakes::CFakeWaveOut noWaveOut;
   Fakes::CFakeASIOPlatform platform;
   Fakes::CFakeDirectSound noDirectSound;
-  SPlatformProvider provider{&noWaveOut, &platform, &noDirectSound};
+  SPlatformProvider provider{&noWaveOut, &platform, &noDirectSound, nullptr};
   std::shared_ptr<Fakes::SFakeASIODevice> device;
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;

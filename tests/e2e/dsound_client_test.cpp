@@ -39,7 +39,7 @@ class DirectSoundClientTest : public ::testing::Test {
   Fakes::CFakeWaveOut fakeWaveOut;
   Fakes::CFakeASIOPlatform noASIO;
   Fakes::CFakeDirectSound directSound;
-  SPlatformProvider provider{&fakeWaveOut, &noASIO, &directSound};
+  SPlatformProvider provider{&fakeWaveOut, &noASIO, &directSound, nullptr};
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;
   TestHost host;

@@ -162,7 +162,7 @@ class LibraryFixture : public ::testing::Test {
   }
 
   Fakes::CFakeWaveOut noWaveOut;
-  SPlatformProvider provider{&noWaveOut, nullptr, nullptr};
+  SPlatformProvider provider{&noWaveOut, nullptr, nullptr, nullptr};
   std::unique_ptr<NSFerrand::CRegistryRef> registryHold;
   std::shared_ptr<Fakes::CFakeDriverControl> control;
   std::shared_ptr<Fakes::CFakeDriverControl> otherControl;

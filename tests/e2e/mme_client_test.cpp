@@ -4,7 +4,7 @@
 TEST(MMEClient, ADeviceThatFailsMidStreamIsReportedOnceAndTheClientGoesOnSilently) {
   Fakes::CFakeWaveOut fake;
   fake.devices.push_back(Fakes::StereoDevice(u"Speakers", {44100, 48000}));
-  const SPlatformProvider provider{&fake, nullptr, nullptr};
+  const SPlatformProvider provider{&fake, nullptr, nullptr, nullptr};
   SetPlatformProvider(&provider);
   uint32_t status = 0;
   IQuillon* library = Quillon_Create("IQuillon2", nullptr, &status);

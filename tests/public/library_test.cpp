@@ -10,6 +10,7 @@
 #include "public/platform_provider.h"
 #include "driver/registry.h"
 #include "failure/body.h"
+#include "failure/builder.h"
 #include "public/boundary_object.h"
 #include "public/globals.h"
 #include "public/library.h"
@@ -91,14 +92,18 @@ TEST_F(LibraryTest, OnlyTheHardwareFlagMayBeSet) {
     EXPECT_EQ(Create(&params, &status), nullptr) << flags;
     EXPECT_EQ(status, kStatusInvalidArgument) << flags;
   }
-  for (uint32_t flags : {0u, 2u}) {
-    SLibraryParams params = {nullptr, flags};
-    uint32_t status = 0;
-    IQuillon* library = Create(&params, &status);
-    ASSERT_NE(library, nullptr) << flags;
-    EXPECT_EQ(status, kStatusOk);
-    QuillonDestroy(library);
-  }
+  SLibraryParams plain = {nullptr, 0};
+  uint32_t status = 0;
+  IQuillon* library = Create(&plain, &status);
+  ASSERT_NE(library, nullptr);
+  EXPECT_EQ(status, kStatusOk);
+  QuillonDestroy(library);
+  // The hardware flag passes the check and goes for the hardware library,
+  // which is not beside this program.
+  SLibraryParams hardware = {nullptr, kLibraryFlagUseHardware};
+  EXPECT_EQ(Create(&hardware, &status), nullptr);
+  EXPECT_EQ(status, kStatusBase + NSMarlet::PackFailure(NSMarlet::kFailureCode_RuntimeError_NotFound,
+                                                      "dll", NSMarlet::ProgramTargetWords()));
 }
 
 TEST_F(LibraryTest, AStaleWindowGives993AndAUsableOneIsKept) {
@@ -136,7 +141,7 @@ TEST_F(LibraryTest, TwoLibraryObjectsShareOneStorageUntilTheLastIsGone) {
 
 TEST_F(LibraryTest, ListsTheNullDriverAloneWithoutDevices) {
   Fakes::CFakeWaveOut noDevices;
-  const SPlatformProvider provider{&noDevices, nullptr, nullptr};
+  const SPlatformProvider provider{&noDevices, nullptr, nullptr, nullptr};
   SetPlatformProvider(&provider);
   IQuillon* library = Create(nullptr, nullptr);
   SetPlatformProvider(nullptr);
@@ -157,7 +162,7 @@ TEST_F(LibraryTest, TheMMEFamilyComesWithOrWithoutAWindow) {
   // decide over MME.
   Fakes::CFakeDirectSound noDirectSound;
   noDirectSound.libraryPresent = false;
-  const SPlatformProvider provider{&fake, nullptr, &noDirectSound};
+  const SPlatformProvider provider{&fake, nullptr, &noDirectSound, nullptr};
   SetPlatformProvider(&provider);
   SLibraryParams withWindow = {UsableWindow(), 0};
   for (const SLibraryParams* params : {static_cast<const SLibraryParams*>(nullptr),
