@@ -198,7 +198,7 @@ CZEPLoader::CZEPLoader(IZEPPlatform& platform) : platform_(platform) {
   for (std::atomic<void*>& entry : entries_) entry.store(nullptr);
   CErrorModeScope mode(platform, kErrorModeFailCriticalErrors);
   chosen_ = FindZEPLibrary(platform);
-  module_ = platform.LoadLibrary(chosen_);
+  module_ = platform.LoadLibraryFile(chosen_);
   if (module_ == nullptr) RaiseLoadError(platform.LastError());
 }
 

@@ -65,7 +65,7 @@ class IZEPPlatform {
   // The folder of that number, not created; false when there is none.
   virtual bool SpecialFolderPath(uint32_t folder, CPathText& path) = 0;
   // Null with LastError set on failure.
-  virtual void* LoadLibrary(const CPathText& path) = 0;
+  virtual void* LoadLibraryFile(const CPathText& path) = 0;
   virtual void* GetProcAddress(void* module, const char* name) = 0;
   virtual void FreeLibrary(void* module) = 0;
 

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -21,9 +22,11 @@
 #include "asio/asio_family.h"
 #include "asio_driver/test_driver_stats.h"
 #include "driver/wait.h"
+#include "fakes/zep_platform_fake.h"
 #include "public/platform_provider.h"
 #include "quillon/quillon.h"
 #include "support/usable_window.h"
+#include "zep_fake/zep_fake_control.h"
 
 using namespace NSQuillon2;
 
@@ -482,6 +485,81 @@ TEST_F(RealASIOTest, TheHardwareIdentityIsAskedThroughCOM) {
   }
   NSASIO::UnloadDriverList();
   EXPECT_EQ(Stats().createdObjects, 4u);
+  EXPECT_EQ(Stats().liveObjects, 0);
+}
+
+// The hardware library's filter and binding with drivers made by the real
+// CoCreateInstance: the test driver names its device through the identity
+// interface, and the test hardware library is loaded from disk.
+TEST_F(RealASIOTest, DriversAreFilteredAndBoundByTheDevicesTheyName) {
+  Set(L"identityMode", 1);
+  Set(L"identity", L"Dev A");
+  const std::wstring unplugged = AddVariant(L"Unplugged", 5, L"Unplugged", dllPath);
+  Write(HKEY_LOCAL_MACHINE, unplugged, L"identityMode", 3);
+  ZEPFake_Reset();
+  ZEPFake_SetDevices("Dev A");
+  NSTestFakes::CScratchFolder module;
+  NSTestFakes::PlaceZEPLibrary("v1_999_999", module.Path(), "ZEPLib");
+  NSTestFakes::CRedirectedZEPPlatform zep;
+  zep.moduleFolder = module.Path();
+  const SPlatformProvider provider = {nullptr, nullptr, nullptr, &zep};
+  SetPlatformProvider(&provider);
+  const SLibraryParams params = {UsableWindow(), kLibraryFlagUseHardware};
+  uint32_t status = 0;
+  library = Quillon_Create("IQuillon2", &params, &status);
+  ASSERT_EQ(status, kStatusOk);
+  specs = library->GetDriverSpecs(&status);
+  EXPECT_EQ(Find(u"Unplugged"), nullptr);
+  IClient* client = Open();
+  ASSERT_NE(client, nullptr);
+  uint8_t has = 0;
+  EXPECT_EQ(client->HasHardwareDevice(&has), kStatusOk);
+  EXPECT_EQ(has, 1);
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState2), kStatusOk);
+  const std::string handle = std::to_string(ZEPFake_DeviceHandle("Dev A"));
+  std::vector<std::string> log;
+  auto readLog = [&] {
+    log.clear();
+    for (uint32_t i = 0; i < ZEPFake_LogCount(); ++i) {
+      std::vector<char> text(ZEPFake_LogLine(i, nullptr, 0) + 1);
+      ZEPFake_LogLine(i, text.data(), static_cast<uint32_t>(text.size()));
+      log.emplace_back(text.data());
+    }
+    return log;
+  };
+  auto logged = [&](const std::string& line) {
+    readLog();
+    return std::find(log.begin(), log.end(), line) != log.end();
+  };
+  EXPECT_TRUE(logged("ZEP_DeviceOpen Dev A"));
+  EXPECT_TRUE(logged("ZEP_SetDeviceGainSafeIndicator " + handle + " 2"));
+  // A device comes: its driver is listed at the next Idle.
+  Write(HKEY_LOCAL_MACHINE, unplugged, L"identityMode", 1);
+  Write(HKEY_LOCAL_MACHINE, unplugged, L"identity", std::wstring(L"Dev B"));
+  ZEPFake_SetDevices("Dev A\nDev B");
+  EXPECT_EQ(ZEPFake_FireConnection(), 0u);
+  EXPECT_EQ(client->Idle(), kStatusOk);
+  QuillonDestroy(specs);
+  specs = library->GetDriverSpecs(&status);
+  EXPECT_NE(Find(u"Unplugged"), nullptr);
+  // The device in use goes: its driver stops at the next Idle, told once.
+  Set(L"identityMode", 3);
+  ZEPFake_SetDevices("Dev B");
+  EXPECT_EQ(ZEPFake_FireConnection(), 0u);
+  EXPECT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 1);
+  EXPECT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 1);
+  QuillonDestroy(client);
+  QuillonDestroy(specs);
+  specs = nullptr;
+  QuillonDestroy(library);
+  library = nullptr;
+  SetPlatformProvider(nullptr);
+  readLog();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(log.back(), "unload 1.999.999.0");
+  EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
   EXPECT_EQ(Stats().liveObjects, 0);
 }
 

@@ -65,14 +65,14 @@ bool CRedirectedZEPPlatform::SpecialFolderPath(uint32_t folder, CPathText& path)
   return true;
 }
 
-void* CRedirectedZEPPlatform::LoadLibrary(const CPathText& path) {
+void* CRedirectedZEPPlatform::LoadLibraryFile(const CPathText& path) {
   if (loadError != 0) {
     ownError_ = true;
     lastError_ = loadError;
     return nullptr;
   }
   ownError_ = false;
-  void* module = SystemZEPPlatform().LoadLibrary(path);
+  void* module = SystemZEPPlatform().LoadLibraryFile(path);
   if (module != nullptr) ++loads;
   return module;
 }

@@ -46,7 +46,7 @@ class CRedirectedZEPPlatform final : public NSZEPGlue::IZEPPlatform {
   bool QueryFixedFileVersion(const void* data, uint32_t size,
                              NSZEPGlue::SFixedFileVersion& version) override;
   bool SpecialFolderPath(uint32_t folder, NSZEPGlue::CPathText& path) override;
-  void* LoadLibrary(const NSZEPGlue::CPathText& path) override;
+  void* LoadLibraryFile(const NSZEPGlue::CPathText& path) override;
   void* GetProcAddress(void* module, const char* name) override;
   void FreeLibrary(void* module) override;
 

@@ -161,7 +161,7 @@ class CPosixZEPPlatform final : public IZEPPlatform {
     return true;
   }
 
-  void* LoadLibrary(const CPathText& path) override {
+  void* LoadLibraryFile(const CPathText& path) override {
     const std::string narrow = Narrow(path);
     void* module = dlopen(narrow.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module != nullptr) return module;

@@ -70,7 +70,7 @@ class CWin32ZEPPlatform final : public IZEPPlatform {
     return true;
   }
 
-  void* LoadLibrary(const CPathText& path) override {
+  void* LoadLibraryFile(const CPathText& path) override {
     return reinterpret_cast<void*>(LoadLibraryW(Wide(path)));
   }
 

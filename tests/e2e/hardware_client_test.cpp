@@ -1,0 +1,433 @@
+#include <string>
+#include <vector>
+
+#include "e2e/e2e_support.h"
+#include "failure/builder.h"
+#include "fakes/fake_asio.h"
+#include "fakes/fake_dsound.h"
+#include "fakes/zep_platform_fake.h"
+#include "public/library.h"
+#include "support/usable_window.h"
+#include "zep_fake/zep_fake_control.h"
+
+namespace {
+
+constexpr uint32_t kNoDeviceStatus = 570525530;
+
+uint32_t NotFoundDllStatus() {
+  return kStatusBase + NSMarlet::PackFailure(NSMarlet::kFailureCode_RuntimeError_NotFound, "dll",
+                                             NSMarlet::ProgramTargetWords());
+}
+
+class RecordingSink final : public IHardwareEventSink {
+ public:
+  uint32_t OnHardwareEvent(uint32_t event) override {
+    std::lock_guard<std::mutex> hold(mutex);
+    events.push_back(event);
+    return 0;
+  }
+  std::vector<uint32_t> Events() {
+    std::lock_guard<std::mutex> hold(mutex);
+    return events;
+  }
+  std::mutex mutex;
+  std::vector<uint32_t> events;
+};
+
+// A host that asked for hardware support, with the test hardware library
+// beside the module. Two ASIO drivers name devices ("Box A" names "Dev A";
+// "Box B" names none until its device comes), and "Plain" cannot be asked.
+class HardwareClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ZEPFake_Reset();
+    ZEPFake_SetDevices("Dev A");
+    ZEPFake_SetChannelCount(8);
+    NSTestFakes::PlaceZEPLibrary("v1_999_999", module.Path(), "ZEPLib");
+    zep.moduleFolder = module.Path();
+    noDirectSound.libraryPresent = false;
+    boxA = asio.AddDriver(u"Box A", Fakes::FakeClsidText(1), u"ASIO Box A");
+    boxA->hasIdentity = true;
+    boxA->identity = u"Dev A";
+    boxA->inputs = 6;
+    boxA->outputs = 2;
+    boxB = asio.AddDriver(u"Box B", Fakes::FakeClsidText(2), u"ASIO Box B");
+    boxB->hasIdentity = true;
+    plain = asio.AddDriver(u"Plain", Fakes::FakeClsidText(3), u"ASIO Plain");
+    SetPlatformProvider(&provider);
+  }
+  void TearDown() override {
+    QuillonDestroy(specs);
+    QuillonDestroy(library);
+    SetPlatformProvider(nullptr);
+    ZEPFake_WaitEvents();
+  }
+
+  void Create(uint32_t expectStatus = kStatusOk) {
+    const SLibraryParams params = {UsableWindow(), kLibraryFlagUseHardware};
+    uint32_t status = 0;
+    library = Quillon_Create("IQuillon2", &params, &status);
+    ASSERT_EQ(status, expectStatus);
+    if (library != nullptr) Relist();
+  }
+  void Relist() {
+    QuillonDestroy(specs);
+    uint32_t status = 0;
+    specs = library->GetDriverSpecs(&status);
+    ASSERT_EQ(status, kStatusOk);
+  }
+  const IDriverSpec* Named(const std::u16string& name) {
+    for (int64_t i = 0; i < specs->GetSize(); ++i) {
+      SDriverSpecKey key;
+      specs->GetData()[i]->GetKeyRecord(&key);
+      if (Text(key.name) == name) return specs->GetData()[i];
+    }
+    return nullptr;
+  }
+  IClient* Open(const std::u16string& name, IHardwareEventSink* context = nullptr,
+                const SClientSettings* settings = nullptr) {
+    uint32_t running = 9;
+    uint32_t status = 0;
+    const IDriverSpec* spec = Named(name);
+    EXPECT_NE(spec, nullptr);
+    IClient* client =
+        settings != nullptr
+            ? library->CreateClientWithSettings(&host, context, spec, settings, &running, &status)
+            : library->CreateClient(&host, context, spec, &running, &status);
+    EXPECT_EQ(status, kStatusOk);
+    EXPECT_EQ(running, 1u);
+    return client;
+  }
+  CZEPLibHandler* Handler() { return static_cast<CQuillonImpl*>(library)->HardwareHandler(); }
+  static std::vector<std::string> Log() {
+    std::vector<std::string> lines;
+    for (uint32_t i = 0; i < ZEPFake_LogCount(); ++i) {
+      std::vector<char> text(ZEPFake_LogLine(i, nullptr, 0) + 1);
+      ZEPFake_LogLine(i, text.data(), static_cast<uint32_t>(text.size()));
+      lines.emplace_back(text.data());
+    }
+    return lines;
+  }
+  static bool Logged(const std::string& line) {
+    const std::vector<std::string> lines = Log();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  }
+  static size_t Count(const std::string& prefix) {
+    size_t count = 0;
+    for (const std::string& line : Log()) count += line.compare(0, prefix.size(), prefix) == 0;
+    return count;
+  }
+  int ListReports() {
+    const std::vector<std::string> events = host.Events();
+    return static_cast<int>(std::count(events.begin(), events.end(), std::string("list")));
+  }
+  static std::string DeviceA() { return std::to_string(ZEPFake_DeviceHandle("Dev A")); }
+
+  NSTestFakes::CScratchFolder module;
+  NSTestFakes::CRedirectedZEPPlatform zep;
+  Fakes::CFakeWaveOut noWaveOut;
+  Fakes::CFakeASIOPlatform asio;
+  Fakes::CFakeDirectSound noDirectSound;
+  SPlatformProvider provider{&noWaveOut, &asio, &noDirectSound, &zep};
+  std::shared_ptr<Fakes::SFakeASIODevice> boxA;
+  std::shared_ptr<Fakes::SFakeASIODevice> boxB;
+  std::shared_ptr<Fakes::SFakeASIODevice> plain;
+  IQuillon* library = nullptr;
+  IVector<const IDriverSpec*>* specs = nullptr;
+  TestHost host;
+  RecordingSink sink;
+};
+
+TEST_F(HardwareClientTest, WithoutTheLibraryFileCreationFailsWithNotFoundDll) {
+  std::filesystem::remove(module.Path() / NSTestFakes::ZEPFileName("ZEPLib"));
+  Create(NotFoundDllStatus());
+  EXPECT_EQ(library, nullptr);
+  EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
+}
+
+TEST_F(HardwareClientTest, ALibraryThatIsConnectedAlreadyLeavesTheObjectWithoutHandler) {
+  ZEPFake_SetResult("ZEP_Create", 1);
+  Create();
+  ASSERT_NE(library, nullptr);
+  EXPECT_EQ(Handler(), nullptr);
+  EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
+  // Without a handler nothing is filtered, and clients are not limited.
+  EXPECT_NE(Named(u"Box B"), nullptr);
+  IClient* first = Open(u"Box A");
+  IClient* second = Open(u"No Sound");
+  uint8_t has = 9;
+  EXPECT_EQ(first->HasHardwareDevice(&has), kStatusOk);
+  EXPECT_EQ(has, 0);
+  QuillonDestroy(second);
+  QuillonDestroy(first);
+}
+
+TEST_F(HardwareClientTest, ASecondLibraryObjectWhileTheConnectionLivesIsRefused) {
+  Create();
+  const SLibraryParams params = {UsableWindow(), kLibraryFlagUseHardware};
+  uint32_t status = 0;
+  EXPECT_EQ(Quillon_Create("IQuillon2", &params, &status), nullptr);
+  EXPECT_EQ(status, kStatusIllegalCall);
+  EXPECT_EQ(Count("ZEP_Create"), 1u);
+}
+
+TEST_F(HardwareClientTest, ASecondClientGets995BeforeItsSpecIsLookedAt) {
+  Create();
+  ASSERT_NE(Handler(), nullptr);
+  IClient* client = Open(u"Box A", &sink);
+  uint32_t running = 9;
+  uint32_t status = 0;
+  EXPECT_EQ(library->CreateClient(&host, nullptr, nullptr, &running, &status), nullptr);
+  EXPECT_EQ(status, kStatusIllegalCall);
+  EXPECT_EQ(library->CreateClientWithSettings(&host, nullptr, nullptr, nullptr, &running, &status),
+            nullptr);
+  EXPECT_EQ(status, kStatusIllegalCall);
+  QuillonDestroy(client);
+  IClient* next = Open(u"Plain");
+  QuillonDestroy(next);
+}
+
+TEST_F(HardwareClientTest, DriversWithoutADeviceAreHiddenUntilAConnectionEventAndTheNextIdle) {
+  Create();
+  EXPECT_NE(Named(u"Box A"), nullptr);
+  EXPECT_EQ(Named(u"Box B"), nullptr);
+  EXPECT_NE(Named(u"Plain"), nullptr);
+  IClient* client = Open(u"Plain");
+  ASSERT_EQ(client->Idle(), kStatusOk);
+  boxB->identity = u"Dev B";
+  ZEPFake_SetDevices("Dev A\nDev B");
+  EXPECT_EQ(ZEPFake_FireConnection(), 0u);
+  // Nothing happens on the library's thread.
+  Relist();
+  EXPECT_EQ(Named(u"Box B"), nullptr);
+  EXPECT_EQ(ListReports(), 0);
+  ASSERT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(ListReports(), 1);
+  Relist();
+  EXPECT_NE(Named(u"Box B"), nullptr);
+  // A device that goes hides its driver again, and the driver in use stays.
+  boxB->identity.clear();
+  ZEPFake_SetDevices("Dev A");
+  ZEPFake_FireConnection();
+  ASSERT_EQ(client->Idle(), kStatusOk);
+  Relist();
+  EXPECT_EQ(Named(u"Box B"), nullptr);
+  EXPECT_EQ(host.lost.load(), 0);
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, AnUnpluggedDeviceStopsItsDriverAtTheNextIdleAndIsReportedOnce) {
+  Create();
+  IClient* client = Open(u"Box A", &sink);
+  uint8_t has = 0;
+  ASSERT_EQ(client->HasHardwareDevice(&has), kStatusOk);
+  EXPECT_EQ(has, 1);
+  EXPECT_TRUE(Logged("ZEP_DeviceOpen Dev A"));
+  ASSERT_EQ(client->Idle(), kStatusOk);
+  boxA->identity.clear();
+  ZEPFake_SetDevices("");
+  ZEPFake_FireConnection();
+  EXPECT_EQ(host.lost.load(), 0);
+  ASSERT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 1);
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 1);
+  // Silent: the device went with its driver, and the clock goes on.
+  ASSERT_EQ(client->HasHardwareDevice(&has), kStatusOk);
+  EXPECT_EQ(has, 0);
+  EXPECT_TRUE(Logged("ZEP_DeviceClose " + DeviceA()));
+  const uint64_t silent = host.silentBlocks.load();
+  EXPECT_TRUE(WaitFor([&] { return host.silentBlocks.load() > silent; }, 10000));
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, AnUnplugLeavesADriverWithoutThatDeviceAlone) {
+  Create();
+  IClient* client = Open(u"Plain");
+  ZEPFake_SetDevices("");
+  ZEPFake_FireConnection();
+  ASSERT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 0);
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, ButtonsReachTheHostOnlyFromTheBoundDeviceAndNotBetweenClients) {
+  ZEPFake_SetDevices("Dev A\nDev B");
+  boxB->identity = u"Dev B";
+  Create();
+  IClient* client = Open(u"Box A", &sink);
+  const uintptr_t a = ZEPFake_DeviceHandle("Dev A");
+  EXPECT_EQ(ZEPFake_FireButton(a, 1), 0u);
+  EXPECT_EQ(ZEPFake_FireButton(a, 2), 0u);
+  EXPECT_EQ(ZEPFake_FireButton(a, 3), 0u);
+  // Dev B is connected but no driver in use is bound to it.
+  EXPECT_EQ(ZEPFake_FireButton(a + 1000, 1), 0u);
+  EXPECT_EQ(sink.Events(), (std::vector<uint32_t>{1, 2}));
+  // The driver changes: the new one's device is bound.
+  uint32_t running = 0;
+  ASSERT_EQ(client->SetDriver(Named(u"Box B"), &running), kStatusOk);
+  ASSERT_EQ(running, 1u);
+  const uintptr_t b = ZEPFake_DeviceHandle("Dev B");
+  ZEPFake_FireButton(a, 1);
+  ZEPFake_FireButton(b, 2);
+  EXPECT_EQ(sink.Events(), (std::vector<uint32_t>{1, 2, 2}));
+  QuillonDestroy(client);
+  ZEPFake_FireButton(b, 1);
+  ZEPFake_FireButton(0, 1);
+  EXPECT_EQ(sink.Events(), (std::vector<uint32_t>{1, 2, 2}));
+  // A client on a driver without a device binds 0 and a context of its own.
+  RecordingSink other;
+  IClient* next = Open(u"Plain", &other);
+  ZEPFake_FireButton(b, 1);
+  EXPECT_TRUE(other.Events().empty());
+  QuillonDestroy(next);
+}
+
+TEST_F(HardwareClientTest, ChannelOperationsReachTheDeviceWithTheMappedChannel) {
+  Create();
+  SClientSettings settings = Stereo(48000, 256);
+  settings.inputPairEnabled[0] = 1;
+  settings.inputPairEnabled[2] = 1;
+  ZEPFake_SetPadding(4, 6, -12.0f);
+  IClient* client = Open(u"Box A", nullptr, &settings);
+  const std::string a = DeviceA();
+  int32_t padded = -1;
+  ASSERT_EQ(client->GetGainSafePaddedChannel(2, &padded), kStatusOk);
+  EXPECT_EQ(padded, 6);
+  EXPECT_TRUE(Logged("ZEP_GetDeviceChannelGainSafePaddedChannel " + a + " 4"));
+  float padding = 0.0f;
+  ASSERT_EQ(client->GetGainSafePaddingDb(2, &padding), kStatusOk);
+  EXPECT_FLOAT_EQ(padding, -12.0f);
+  EXPECT_EQ(client->SetGainSafeRoutingEnable(3, 5), kStatusOk);
+  EXPECT_TRUE(Logged("ZEP_SetDeviceChannelGainSafeRoutingEnable " + a + " 5 1"));
+  EXPECT_EQ(client->SetChannelActiveIndicator(1, 0), kStatusOk);
+  EXPECT_TRUE(Logged("ZEP_SetDeviceChannelActiveIndicator " + a + " 1 0"));
+  EXPECT_EQ(client->SetChannelActiveIndicator(0, 1), kStatusOk);
+  EXPECT_TRUE(Logged("ZEP_SetDeviceChannelActiveIndicator " + a + " 0 1"));
+  // Host channel 4 is beyond the four active inputs: no device call.
+  const size_t before = Log().size();
+  EXPECT_EQ(client->GetGainSafePaddedChannel(4, &padded), kStatusInvalidArgument);
+  EXPECT_EQ(client->SetGainSafeRoutingEnable(4, 1), kStatusInvalidArgument);
+  EXPECT_EQ(client->SetChannelActiveIndicator(0xFFFFFFFFu, 1), kStatusInvalidArgument);
+  EXPECT_EQ(client->GetGainSafePaddedChannel(0, nullptr), kStatusInvalidArgument);
+  EXPECT_EQ(client->GetGainSafePaddingDb(0, nullptr), kStatusInvalidArgument);
+  EXPECT_EQ(Log().size(), before);
+  EXPECT_EQ(client->ClearDirectMonitoring(), kStatusOk);
+  EXPECT_TRUE(Logged("ZEP_SetDirectMonitoring " + a + " 0"));
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, TheThreeIndicatorSelectorsGiveStatesZeroToTwo) {
+  Create();
+  IClient* client = Open(u"Box A");
+  const std::string a = DeviceA();
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState0), kStatusOk);
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState1), kStatusOk);
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState2), kStatusOk);
+  EXPECT_EQ(client->SetGainSafeIndicator(776), kStatusInvalidArgument);
+  EXPECT_EQ(client->SetGainSafeIndicator(780), kStatusInvalidArgument);
+  EXPECT_EQ(client->SetGainSafeIndicator(0), kStatusInvalidArgument);
+  std::vector<std::string> calls;
+  for (const std::string& line : Log()) {
+    if (line.compare(0, 30, "ZEP_SetDeviceGainSafeIndicator") == 0) calls.push_back(line);
+  }
+  const std::string prefix = "ZEP_SetDeviceGainSafeIndicator " + a + " ";
+  EXPECT_EQ(calls, (std::vector<std::string>{prefix + "0", prefix + "1", prefix + "2"}));
+  // A device that refuses: the status of its code's failure.
+  ZEPFake_SetResult("ZEP_SetDeviceGainSafeIndicator", 2);
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState1), kStatusInvalidArgument);
+  ZEPFake_SetResult("ZEP_SetDeviceGainSafeIndicator", 8);
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState1), kStatusOutOfMemory);
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, WithoutADeviceEveryHardwareOperationGivesTheNoDeviceStatus) {
+  Create();
+  IClient* client = Open(u"Plain");
+  int32_t padded = 0;
+  float padding = 0;
+  const size_t before = Log().size();
+  EXPECT_EQ(client->GetGainSafePaddedChannel(0, &padded), kNoDeviceStatus);
+  EXPECT_EQ(client->GetGainSafePaddingDb(0, &padding), kNoDeviceStatus);
+  EXPECT_EQ(client->SetGainSafeRoutingEnable(0, 1), kNoDeviceStatus);
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState0), kNoDeviceStatus);
+  EXPECT_EQ(client->SetGainSafeIndicator(776), kNoDeviceStatus);
+  EXPECT_EQ(client->SetChannelActiveIndicator(0, 1), kNoDeviceStatus);
+  EXPECT_EQ(client->ClearDirectMonitoring(), kNoDeviceStatus);
+  EXPECT_EQ(Log().size(), before);
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, TheControlPanelQuestionGoesToTheDevice) {
+  Create();
+  IClient* client = Open(u"Box A");
+  uint32_t has = 9;
+  ZEPFake_SetControlPanelAnswer(2);
+  ASSERT_EQ(client->HasControlPanel(&has), kStatusOk);
+  EXPECT_EQ(has, 0u);
+  ZEPFake_SetControlPanelAnswer(1);
+  ASSERT_EQ(client->HasControlPanel(&has), kStatusOk);
+  EXPECT_EQ(has, 1u);
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, ADeviceNameTheLibraryCannotOpenLosesTheDriver) {
+  boxA->identity = u"Dev Z";
+  Create();
+  uint32_t running = 9;
+  uint32_t status = 0;
+  IClient* client = library->CreateClient(&host, nullptr, Named(u"Box A"), &running, &status);
+  ASSERT_EQ(status, kStatusOk);
+  EXPECT_EQ(running, 0u);
+  // The driver that failed to bind was given up whole.
+  EXPECT_EQ(boxA->liveObjects.load(), 0);
+  QuillonDestroy(client);
+}
+
+TEST_F(HardwareClientTest, TheLibraryIsDisposedAfterTheLastCloseAndUnloadedLast) {
+  Create();
+  IClient* client = Open(u"Box A");
+  QuillonDestroy(client);
+  QuillonDestroy(specs);
+  specs = nullptr;
+  QuillonDestroy(library);
+  library = nullptr;
+  const std::vector<std::string> lines = Log();
+  auto position = [&](const std::string& prefix) {
+    for (size_t i = 0; i < lines.size(); ++i) {
+      if (lines[i].compare(0, prefix.size(), prefix) == 0) return static_cast<int>(i);
+    }
+    return -1;
+  };
+  ASSERT_GE(position("ZEP_DeviceClose"), 0);
+  EXPECT_LT(position("ZEP_DeviceClose"), position("ZEP_Dispose"));
+  EXPECT_LT(position("ZEP_Dispose"), position("unload"));
+  EXPECT_EQ(lines.back(), "unload 1.999.999.0");
+  EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
+}
+
+// The library's thread sends events while the control thread makes and
+// ends clients: nothing waits for ever and no connection event is lost.
+TEST_F(HardwareClientTest, EventsRaceAThousandClientsWithoutLoss) {
+  constexpr uint32_t kRounds = 1000;
+  Create();
+  ZEPFake_PostConnections(kRounds);
+  ZEPFake_PostButtons(ZEPFake_DeviceHandle("Dev A") + 0, 1, kRounds);
+  for (uint32_t i = 0; i < kRounds; ++i) {
+    uint32_t running = 0;
+    uint32_t status = 0;
+    IClient* client =
+        library->CreateClient(&host, &sink, Named(i % 2 == 0 ? u"Box A" : u"No Sound"), &running,
+                              &status);
+    ASSERT_EQ(status, kStatusOk);
+    ZEPFake_PostButtons(ZEPFake_DeviceHandle("Dev A"), 2, 1);
+    QuillonDestroy(client);
+  }
+  ZEPFake_WaitEvents();
+  uint32_t taken = 0;
+  while (Handler()->TakeConnectionChange()) ++taken;
+  EXPECT_EQ(taken, kRounds);
+  for (uint32_t event : sink.Events()) EXPECT_TRUE(event == 1 || event == 2);
+}
+
+}  // namespace
