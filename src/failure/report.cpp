@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 namespace NSMarlet {
 
@@ -63,6 +64,26 @@ uint32_t StatusFromFailure(uint32_t failureCode, const std::string& word,
     }
   }
   return range.base + PackFailure(failureCode, word.c_str(), ProgramTargetWords());
+}
+
+uint32_t NumberFromCurrentFailure(const SStatusRange& range, const SStatusMapRow* table,
+                                  uint32_t outOfMemory, uint32_t foreign) {
+  try {
+    try {
+      throw;
+    } catch (const std::exception& e) {
+      // Without a storage (its own creation failed) the class alone speaks.
+      if (GetExceptionBodyStorageUnchecked() == nullptr) {
+        return StatusFromFailure(ClassifyException(&e).failureCode, std::string(), range, table);
+      }
+      return StatusFromException(&e, range, table, CSourcePosition());
+    }
+  } catch (const std::bad_alloc&) {
+    return outOfMemory;
+  } catch (...) {
+    // Not a std::exception at all, or the translation itself failed.
+    return foreign;
+  }
 }
 
 void ThrowFromStatus(uint32_t status, const SStatusRange& range, const SStatusMapRow* table,

@@ -37,6 +37,12 @@ uint32_t StatusFromException(const std::exception* exception, const SStatusRange
 uint32_t StatusFromFailure(uint32_t failureCode, const std::string& word,
                            const SStatusRange& range, const SStatusMapRow* table);
 
+// From inside a catch handler: the number of the failure being handled, by
+// the caller's table and range; `outOfMemory` when the number itself cannot
+// be made, `foreign` for what is not a std::exception. Never raises.
+uint32_t NumberFromCurrentFailure(const SStatusRange& range, const SStatusMapRow* table,
+                                  uint32_t outOfMemory, uint32_t foreign);
+
 // Raises the failure a status stands for; a computed status with no row comes
 // back as XTunneledError carrying it.
 [[noreturn]] void ThrowFromStatus(uint32_t status, const SStatusRange& range,

@@ -1,10 +1,8 @@
 #include "hardware/zep_loader.h"
 
 #include <exception>
-#include <new>
 #include <vector>
 
-#include "failure/body.h"
 
 namespace NSZEPGlue {
 
@@ -48,6 +46,7 @@ constexpr SStatusMapRow kZEPCodeTable[] = {
 };
 
 constexpr SStatusRange kZEPCodeRange = {kZEPCodeBase, 0xFFFFFFFFu};
+constexpr ZEPResult kZEPCodeOutOfMemory = 8;
 constexpr ZEPResult kZEPCodeForeign = 9;
 
 const char16_t* const kLibraryStems[kZEPLibraryNameCount] = {u"ZEPLib", u"ZEPLibTesting",
@@ -124,21 +123,8 @@ void ThrowByZEPCode(ZEPResult code) {
 }
 
 ZEPResult ZEPCodeFromCurrentFailure() {
-  try {
-    try {
-      throw;
-    } catch (const std::exception& e) {
-      if (GetExceptionBodyStorageUnchecked() == nullptr) {
-        return StatusFromFailure(ClassifyException(&e).failureCode, std::string(), kZEPCodeRange,
-                                 kZEPCodeTable);
-      }
-      return StatusFromException(&e, kZEPCodeRange, kZEPCodeTable, CSourcePosition());
-    }
-  } catch (const std::bad_alloc&) {
-    return 8;
-  } catch (...) {
-    return kZEPCodeForeign;
-  }
+  return NumberFromCurrentFailure(kZEPCodeRange, kZEPCodeTable, kZEPCodeOutOfMemory,
+                                  kZEPCodeForeign);
 }
 
 CPathText ZEPLibraryName(IZEPPlatform& platform, uint32_t index) {

@@ -1,6 +1,5 @@
 #include "public/status.h"
 
-#include <new>
 
 #include "quillon/quillon.h"
 
@@ -38,23 +37,8 @@ const SStatusMapRow* StatusTable() { return kStatusTable; }
 const SStatusRange& StatusRange() { return kStatusRange; }
 
 uint32_t StatusFromCurrentFailure() {
-  try {
-    try {
-      throw;
-    } catch (const std::exception& e) {
-      // Without a storage (its own creation failed) the class alone speaks.
-      if (GetExceptionBodyStorageUnchecked() == nullptr) {
-        return StatusFromFailure(ClassifyException(&e).failureCode, std::string(), kStatusRange,
-                                 kStatusTable);
-      }
-      return StatusFromException(&e, kStatusRange, kStatusTable, CSourcePosition());
-    }
-  } catch (const std::bad_alloc&) {
-    return kStatusOutOfMemory;
-  } catch (...) {
-    // Not a std::exception at all, or the translation itself failed.
-    return kStatusRuntimeError;
-  }
+  return NumberFromCurrentFailure(kStatusRange, kStatusTable, kStatusOutOfMemory,
+                                  kStatusRuntimeError);
 }
 
 void ThrowFromStatus(uint32_t status) {

@@ -26,7 +26,7 @@
 #include "public/platform_provider.h"
 #include "quillon/quillon.h"
 #include "support/usable_window.h"
-#include "zep_fake/zep_fake_control.h"
+#include "zep_fake/zep_fake_log.h"
 
 using namespace NSQuillon2;
 
@@ -517,22 +517,8 @@ TEST_F(RealASIOTest, DriversAreFilteredAndBoundByTheDevicesTheyName) {
   EXPECT_EQ(has, 1);
   EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState2), kStatusOk);
   const std::string handle = std::to_string(ZEPFake_DeviceHandle("Dev A"));
-  std::vector<std::string> log;
-  auto readLog = [&] {
-    log.clear();
-    for (uint32_t i = 0; i < ZEPFake_LogCount(); ++i) {
-      std::vector<char> text(ZEPFake_LogLine(i, nullptr, 0) + 1);
-      ZEPFake_LogLine(i, text.data(), static_cast<uint32_t>(text.size()));
-      log.emplace_back(text.data());
-    }
-    return log;
-  };
-  auto logged = [&](const std::string& line) {
-    readLog();
-    return std::find(log.begin(), log.end(), line) != log.end();
-  };
-  EXPECT_TRUE(logged("ZEP_DeviceOpen Dev A"));
-  EXPECT_TRUE(logged("ZEP_SetDeviceGainSafeIndicator " + handle + " 2"));
+  EXPECT_TRUE(ZEPFakeLogged("ZEP_DeviceOpen Dev A"));
+  EXPECT_TRUE(ZEPFakeLogged("ZEP_SetDeviceGainSafeIndicator " + handle + " 2"));
   // A device comes: its driver is listed at the next Idle.
   Write(HKEY_LOCAL_MACHINE, unplugged, L"identityMode", 1);
   Write(HKEY_LOCAL_MACHINE, unplugged, L"identity", std::wstring(L"Dev B"));
@@ -556,7 +542,7 @@ TEST_F(RealASIOTest, DriversAreFilteredAndBoundByTheDevicesTheyName) {
   QuillonDestroy(library);
   library = nullptr;
   SetPlatformProvider(nullptr);
-  readLog();
+  const std::vector<std::string> log = ZEPFakeLog();
   ASSERT_FALSE(log.empty());
   EXPECT_EQ(log.back(), "unload 1.999.999.0");
   EXPECT_EQ(ZEPFake_LoadedCopies(), 0);

@@ -8,7 +8,7 @@
 #include "fakes/zep_platform_fake.h"
 #include "public/library.h"
 #include "support/usable_window.h"
-#include "zep_fake/zep_fake_control.h"
+#include "zep_fake/zep_fake_log.h"
 
 namespace {
 
@@ -18,21 +18,6 @@ uint32_t NotFoundDllStatus() {
   return kStatusBase + NSMarlet::PackFailure(NSMarlet::kFailureCode_RuntimeError_NotFound, "dll",
                                              NSMarlet::ProgramTargetWords());
 }
-
-class RecordingSink final : public IHardwareEventSink {
- public:
-  uint32_t OnHardwareEvent(uint32_t event) override {
-    std::lock_guard<std::mutex> hold(mutex);
-    events.push_back(event);
-    return 0;
-  }
-  std::vector<uint32_t> Events() {
-    std::lock_guard<std::mutex> hold(mutex);
-    return events;
-  }
-  std::mutex mutex;
-  std::vector<uint32_t> events;
-};
 
 // A host that asked for hardware support, with the test hardware library
 // beside the module. Two ASIO drivers name devices ("Box A" names "Dev A";
@@ -99,24 +84,9 @@ class HardwareClientTest : public ::testing::Test {
     return client;
   }
   CZEPLibHandler* Handler() { return static_cast<CQuillonImpl*>(library)->HardwareHandler(); }
-  static std::vector<std::string> Log() {
-    std::vector<std::string> lines;
-    for (uint32_t i = 0; i < ZEPFake_LogCount(); ++i) {
-      std::vector<char> text(ZEPFake_LogLine(i, nullptr, 0) + 1);
-      ZEPFake_LogLine(i, text.data(), static_cast<uint32_t>(text.size()));
-      lines.emplace_back(text.data());
-    }
-    return lines;
-  }
-  static bool Logged(const std::string& line) {
-    const std::vector<std::string> lines = Log();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-  }
-  static size_t Count(const std::string& prefix) {
-    size_t count = 0;
-    for (const std::string& line : Log()) count += line.compare(0, prefix.size(), prefix) == 0;
-    return count;
-  }
+  static std::vector<std::string> Log() { return ZEPFakeLog(); }
+  static bool Logged(const std::string& line) { return ZEPFakeLogged(line); }
+  static size_t Count(const std::string& prefix) { return ZEPFakeLogCount(prefix); }
   int ListReports() {
     const std::vector<std::string> events = host.Events();
     return static_cast<int>(std::count(events.begin(), events.end(), std::string("list")));
@@ -135,7 +105,7 @@ class HardwareClientTest : public ::testing::Test {
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;
   TestHost host;
-  RecordingSink sink;
+  RecordingEventSink sink;
 };
 
 TEST_F(HardwareClientTest, WithoutTheLibraryFileCreationFailsWithNotFoundDll) {
@@ -276,7 +246,7 @@ TEST_F(HardwareClientTest, ButtonsReachTheHostOnlyFromTheBoundDeviceAndNotBetwee
   ZEPFake_FireButton(0, 1);
   EXPECT_EQ(sink.Events(), (std::vector<uint32_t>{1, 2, 2}));
   // A client on a driver without a device binds 0 and a context of its own.
-  RecordingSink other;
+  RecordingEventSink other;
   IClient* next = Open(u"Plain", &other);
   ZEPFake_FireButton(b, 1);
   EXPECT_TRUE(other.Events().empty());
@@ -392,17 +362,10 @@ TEST_F(HardwareClientTest, TheLibraryIsDisposedAfterTheLastCloseAndUnloadedLast)
   specs = nullptr;
   QuillonDestroy(library);
   library = nullptr;
-  const std::vector<std::string> lines = Log();
-  auto position = [&](const std::string& prefix) {
-    for (size_t i = 0; i < lines.size(); ++i) {
-      if (lines[i].compare(0, prefix.size(), prefix) == 0) return static_cast<int>(i);
-    }
-    return -1;
-  };
-  ASSERT_GE(position("ZEP_DeviceClose"), 0);
-  EXPECT_LT(position("ZEP_DeviceClose"), position("ZEP_Dispose"));
-  EXPECT_LT(position("ZEP_Dispose"), position("unload"));
-  EXPECT_EQ(lines.back(), "unload 1.999.999.0");
+  ASSERT_GE(ZEPFakeLogPosition("ZEP_DeviceClose"), 0);
+  EXPECT_LT(ZEPFakeLogPosition("ZEP_DeviceClose"), ZEPFakeLogPosition("ZEP_Dispose"));
+  EXPECT_LT(ZEPFakeLogPosition("ZEP_Dispose"), ZEPFakeLogPosition("unload"));
+  EXPECT_EQ(Log().back(), "unload 1.999.999.0");
   EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
 }
 

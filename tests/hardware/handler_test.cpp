@@ -11,31 +11,6 @@ using NSQuillon2::IHardwareEventSink;
 
 namespace {
 
-class RecordingSink final : public IHardwareEventSink {
- public:
-  uint32_t OnHardwareEvent(uint32_t event) override {
-    std::lock_guard<std::mutex> hold(mutex);
-    events.push_back(event);
-    entered = true;
-    if (holdUntil != nullptr) {
-      // Keeps the handler's lock until the test says, or 10 s at most.
-      const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-      while (!holdUntil->load() && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-    }
-    return 0;
-  }
-  std::vector<uint32_t> Events() {
-    std::lock_guard<std::mutex> hold(mutex);
-    return events;
-  }
-  std::mutex mutex;
-  std::vector<uint32_t> events;
-  std::atomic<bool> entered{false};
-  std::atomic<bool>* holdUntil = nullptr;
-};
-
 class HandlerTest : public HardwareTest {
  protected:
   void SetUp() override {
@@ -43,7 +18,7 @@ class HandlerTest : public HardwareTest {
     PlaceBeside("v1_999_999");
     ZEPFake_SetDevices("Dev A\nDev B");
   }
-  RecordingSink sink;
+  RecordingEventSink sink;
 };
 
 TEST_F(HandlerTest, ThreeConnectionEventsAreTakenThreeTimes) {

@@ -12,7 +12,7 @@
 #include "failure/builder.h"
 #include "fakes/zep_platform_fake.h"
 #include "support/storage_fixture.h"
-#include "zep_fake/zep_fake_control.h"
+#include "zep_fake/zep_fake_log.h"
 
 class HardwareTest : public StorageTest {
  protected:
@@ -31,35 +31,10 @@ class HardwareTest : public StorageTest {
     NSTestFakes::PlaceZEPLibrary(variant, NSTestFakes::SharedZEPFolder(common.Path()), stem);
   }
 
-  static std::vector<std::string> Log() {
-    std::vector<std::string> lines;
-    for (uint32_t i = 0; i < ZEPFake_LogCount(); ++i) {
-      std::string line(ZEPFake_LogLine(i, nullptr, 0), '\0');
-      std::vector<char> text(line.size() + 1);
-      ZEPFake_LogLine(i, text.data(), static_cast<uint32_t>(text.size()));
-      lines.emplace_back(text.data());
-    }
-    return lines;
-  }
-  static bool Logged(const std::string& line) {
-    const std::vector<std::string> lines = Log();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-  }
-  // Position of the first line that starts with `prefix`; -1 when none.
-  static int Position(const std::string& prefix) {
-    const std::vector<std::string> lines = Log();
-    for (size_t i = 0; i < lines.size(); ++i) {
-      if (lines[i].compare(0, prefix.size(), prefix) == 0) return static_cast<int>(i);
-    }
-    return -1;
-  }
-  static size_t Count(const std::string& prefix) {
-    size_t count = 0;
-    for (const std::string& line : Log()) {
-      if (line.compare(0, prefix.size(), prefix) == 0) ++count;
-    }
-    return count;
-  }
+  static std::vector<std::string> Log() { return ZEPFakeLog(); }
+  static bool Logged(const std::string& line) { return ZEPFakeLogged(line); }
+  static int Position(const std::string& prefix) { return ZEPFakeLogPosition(prefix); }
+  static size_t Count(const std::string& prefix) { return ZEPFakeLogCount(prefix); }
 
   NSTestFakes::CScratchFolder module;
   NSTestFakes::CScratchFolder common;

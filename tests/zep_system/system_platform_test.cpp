@@ -10,22 +10,12 @@
 #include "public/library.h"
 #include "public/platform_provider.h"
 #include "quillon/quillon.h"
-#include "zep_fake/zep_fake_control.h"
+#include "zep_fake/zep_fake_log.h"
 
 using namespace NSQuillon2;
 using NSZEPGlue::SystemZEPPlatform;
 
 namespace {
-
-std::vector<std::string> Log() {
-  std::vector<std::string> lines;
-  for (uint32_t i = 0; i < ZEPFake_LogCount(); ++i) {
-    std::vector<char> text(ZEPFake_LogLine(i, nullptr, 0) + 1);
-    ZEPFake_LogLine(i, text.data(), static_cast<uint32_t>(text.size()));
-    lines.emplace_back(text.data());
-  }
-  return lines;
-}
 
 TEST(SystemPlatformTest, TheModuleIsThisProgramAndItsFolderHoldsTheLibrary) {
   NSZEPGlue::CPathText path;
@@ -67,7 +57,7 @@ TEST(SystemPlatformTest, AHostThatAsksForHardwareGetsTheLibraryBesideTheModule) 
   EXPECT_NE(static_cast<CQuillonImpl*>(library)->HardwareHandler(), nullptr);
   EXPECT_EQ(ZEPFake_Created(), 1);
   QuillonDestroy(library);
-  EXPECT_EQ(Log(), (std::vector<std::string>{"load 2.0.0.0", "ZEP_Create 1 0 connection button",
+  EXPECT_EQ(ZEPFakeLog(), (std::vector<std::string>{"load 2.0.0.0", "ZEP_Create 1 0 connection button",
                                              "ZEP_Dispose", "unload 2.0.0.0"}));
 }
 
