@@ -56,7 +56,14 @@ CQuillonClient::CQuillonClient(CQuillonImpl* library, IClientHost* host,
                 : new NSFerrand::COpenSoundDriverHandle(driver, this, context);
   lostReported_ = handle_->IsDriverLost() ? 1 : 0;
   if (!handle_->IsDriverLost() && library_->HardwareHandler() != nullptr) {
-    library_->HardwareHandler()->SetBoundDevice(handle_->GetHardwareDevice());
+    try {
+      library_->HardwareHandler()->SetBoundDevice(handle_->GetHardwareDevice());
+    } catch (...) {
+      // No client, so no audio either.
+      delete handle_;
+      handle_ = nullptr;
+      throw;
+    }
   }
   ++gClientCount;
   // The first Idle reports no change older than the client.

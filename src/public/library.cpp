@@ -205,7 +205,14 @@ IClient* CQuillonImpl::NewClient(IClientHost* host, IHardwareEventSink* context,
     Put(running, 0u);
   } else {
     Put(running, 1u);
-    if (hardwareHandler_ != nullptr) hardwareHandler_->SetButtonContext(context);
+    if (hardwareHandler_ != nullptr) {
+      try {
+        hardwareHandler_->SetButtonContext(context);
+      } catch (...) {
+        delete client;
+        throw;
+      }
+    }
   }
   Put(status, static_cast<uint32_t>(kStatusOk));
   return client;

@@ -354,6 +354,47 @@ TEST_F(HardwareClientTest, ADeviceNameTheLibraryCannotOpenLosesTheDriver) {
   QuillonDestroy(client);
 }
 
+// Every library call that fails comes back as the status of its code; the
+// client and its driver go on.
+TEST_F(HardwareClientTest, ALibraryCallThatFailsIsAStatusAndTheClientGoesOn) {
+  Create();
+  IClient* client = Open(u"Box A");
+  ZEPFake_SetResult("ZEP_GetCurrentDevices", 8);
+  ZEPFake_FireConnection();
+  EXPECT_EQ(client->Idle(), kStatusOutOfMemory);
+  EXPECT_EQ(client->Idle(), kStatusOk);
+  ZEPFake_SetResult("ZEP_GetDeviceChannelGainSafePaddingDB", 2);
+  float padding = 0.0f;
+  EXPECT_EQ(client->GetGainSafePaddingDb(0, &padding), kStatusInvalidArgument);
+  ZEPFake_SetResult("ZEP_SetDirectMonitoring", 5);
+  const uint32_t tooOld = client->ClearDirectMonitoring();
+  EXPECT_GE(tooOld, kStatusBase);
+  EXPECT_EQ(host.lost.load(), 0);
+  uint8_t device = 0;
+  EXPECT_EQ(client->HasHardwareDevice(&device), kStatusOk);
+  EXPECT_EQ(device, 1);
+  const uint64_t blocks = host.drivenBlocks.load();
+  EXPECT_TRUE(WaitFor([&] { return host.drivenBlocks.load() > blocks; }, 10000));
+  QuillonDestroy(client);
+}
+
+// The panel question is the driver's own: when the device cannot answer it,
+// the driver has failed, and the host hears of it once at its Idle.
+TEST_F(HardwareClientTest, AControlPanelQuestionTheDeviceCannotAnswerLosesTheDriver) {
+  Create();
+  IClient* client = Open(u"Box A");
+  ZEPFake_SetResult("ZEP_HasControlPanel", 6);
+  uint32_t has = 9;
+  EXPECT_EQ(client->HasControlPanel(&has), kStatusOk);
+  EXPECT_EQ(has, 0u);
+  EXPECT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 1);
+  const uint64_t silent = host.silentBlocks.load();
+  EXPECT_TRUE(WaitFor([&] { return host.silentBlocks.load() > silent; }, 10000));
+  QuillonDestroy(client);
+}
+
 TEST_F(HardwareClientTest, TheLibraryIsDisposedAfterTheLastCloseAndUnloadedLast) {
   Create();
   IClient* client = Open(u"Box A");
