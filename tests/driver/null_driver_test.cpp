@@ -34,7 +34,11 @@ class TestRenderer final : public MSoundRenderer {
                   inputs[0][frames - 1] == 0.0f;
     if (!outputs.empty() && outputs[0] != nullptr) outputs[0][frames - 1] = 0.5f;
     zeroTimes = a == 0 && b == 0 && c == 0 && d == 0;
-    while (hold.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (hold.load()) {
+      holding = true;
+      while (hold.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      holding = false;
+    }
     if (raiseNext.exchange(false)) throw std::runtime_error("render");
     return 0;
   }
@@ -42,6 +46,8 @@ class TestRenderer final : public MSoundRenderer {
   std::atomic<int> calls{0};
   std::atomic<bool> raiseNext{false};
   std::atomic<bool> hold{false};
+  // A render is inside its hold now.
+  std::atomic<bool> holding{false};
   std::atomic<uint32_t> lastFrames{0};
   std::atomic<size_t> lastInputs{0};
   std::atomic<size_t> lastOutputs{0};
@@ -253,7 +259,9 @@ TEST_F(NullDriverTest, ApplySettingsGivesUpAfterFiveSecondsOfARenderThatHolds) {
   auto driver = Open(nullptr);
   driver->TakeSettingsChanged();
   renderer.hold = true;
-  ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() >= 1; }));
+  // A render that began before the hold was asked for would let the
+  // settings through: wait for one that holds.
+  ASSERT_TRUE(WaitFor([&] { return renderer.holding.load(); }));
   CSoundDriverSettings s = Settings(48000, 2048, 1, 1);
   try {
     driver->ApplySettings(s);
