@@ -3,7 +3,7 @@
 // its own thread, with a live line of progress and a summary at the end.
 //
 //   quillon_demo [--list] [--driver NAME [--family FAMILY] | --spec FILE] [--seconds N]
-//                [--save-spec FILE] [--wav FILE] [--fallback] [--library PATH]
+//                [--save-spec FILE] [--wav FILE] [--fallback] [--library PATH] [--help]
 #if defined(_WIN32)
 #include <windows.h>
 #endif
@@ -21,31 +21,11 @@
 #include <vector>
 
 #include "platform/module.h"
-#include "quillon/quillon.h"
+#include "quillon/quillon_util.h"
 
 using namespace NSQuillon2;
 
 namespace {
-
-const char* StatusName(uint32_t status) {
-  switch (status) {
-    case kStatusOk: return "kStatusOk";
-    case kStatusOutOfMemory: return "kStatusOutOfMemory";
-    case kStatusInvalidArgument: return "kStatusInvalidArgument";
-    case kStatusNotValid: return "kStatusNotValid";
-    case kStatusIllegalCall: return "kStatusIllegalCall";
-    case kStatusLogicError: return "kStatusLogicError";
-    case kStatusDriverOpenFailed: return "kStatusDriverOpenFailed";
-    case kStatusDriverNotFound: return "kStatusDriverNotFound";
-    case kStatusReadFailure: return "kStatusReadFailure";
-    case kStatusWriteFailure: return "kStatusWriteFailure";
-    case kStatusFormatViolation: return "kStatusFormatViolation";
-    case kStatusDiskFull: return "kStatusDiskFull";
-    case kStatusRuntimeError: return "kStatusRuntimeError";
-    case kStatusNotReady: return "kStatusNotReady";
-    default: return status >= kStatusBase ? "a computed status" : "an unknown status";
-  }
-}
 
 int Fail(const char* what, uint32_t status) {
   std::fprintf(stderr, "quillon_demo: %s: %s (%u)\n", what, StatusName(status), status);
@@ -60,9 +40,7 @@ std::string Narrow(const std::u16string& text) {
 
 std::u16string Widen(const std::string& text) { return std::u16string(text.begin(), text.end()); }
 
-std::u16string Field(const uint16_t (&field)[256]) {
-  return std::u16string(reinterpret_cast<const char16_t*>(field));
-}
+std::u16string Field(const uint16_t (&field)[256]) { return std::u16string(FieldView(field)); }
 
 class FileSink final : public IByteSink {
  public:
@@ -210,6 +188,7 @@ class DemoHost final : public IClientHost {
 };
 
 struct SOptions {
+  bool help = false;
   bool list = false;
   bool fallback = false;
   double seconds = 5.0;
@@ -221,20 +200,41 @@ struct SOptions {
   const char* library = QUILLON_DEFAULT_LIBRARY;
 };
 
-int Usage() {
-  std::fprintf(stderr,
-               "usage: quillon_demo [--list] [--driver NAME [--family FAMILY] | --spec FILE]\n"
-               "                    [--seconds N]\n"
-               "                    [--save-spec FILE] [--wav FILE] [--fallback] "
-               "[--library PATH]\n");
-  return 2;
+const char kUsage[] =
+    "usage: quillon_demo [--list] [--driver NAME [--family FAMILY] | --spec FILE]\n"
+    "                    [--seconds N] [--save-spec FILE] [--wav FILE] [--fallback]\n"
+    "                    [--library PATH] [--help]\n"
+    "\n"
+    "Plays a 440 Hz tone through one driver of the Quillon library, calling Idle\n"
+    "every 20 ms as a host does, and prints its progress and a summary.\n"
+    "\n"
+    "  --list             list the drivers: family, name, key, and the latency\n"
+    "                     range of drivers that open at no cost\n"
+    "  --driver NAME      play through the driver of that name (default \"No Sound\")\n"
+    "  --family FAMILY    with --driver: only that family (ASIO, DX, MME, Off)\n"
+    "  --spec FILE        play through the driver a saved spec names\n"
+    "  --save-spec FILE   save the chosen driver's spec to FILE\n"
+    "  --seconds N        play N seconds (default 5)\n"
+    "  --wav FILE         write what was rendered to a 16-bit WAV file\n"
+    "  --fallback         when the driver is lost, switch to \"No Sound\"\n"
+    "  --library PATH     load the library from PATH\n"
+    "  --help, -h         print this text and exit\n"
+    "\n"
+    "Exit status: 0 when audio was rendered, 1 on a failure, 2 on a bad argument.\n";
+
+// To standard output when asked for, else to standard error as a refusal.
+int Usage(bool asked) {
+  std::fputs(kUsage, asked ? stdout : stderr);
+  return asked ? 0 : 2;
 }
 
 bool ParseOptions(int argc, char** argv, SOptions& o) {
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     const bool hasValue = i + 1 < argc;
-    if (a == "--list") {
+    if (a == "--help" || a == "-h") {
+      o.help = true;
+    } else if (a == "--list") {
       o.list = true;
     } else if (a == "--fallback") {
       o.fallback = true;
@@ -278,13 +278,51 @@ const IDriverSpec* FindByName(IVector<const IDriverSpec*>* specs, const std::str
   return nullptr;
 }
 
+// The output latency at the smallest and the largest buffer size, at the
+// rate in force, of a driver that opens at no cost: the null driver, which
+// holds no device. Others show "-": opening them takes a device.
+std::string LatencyRange(IQuillon* library, const IDriverSpec* spec, const SDriverSpecKey& key) {
+  if (Field(key.family) != u"Off") return "-";
+  struct SQuietHost final : IClientHost {
+    uint32_t Render(IClient*, uint32_t, const float* const*, int32_t, const SRenderTiming*,
+                    float* const*, int32_t, const SRenderTiming*) override {
+      return kStatusOk;
+    }
+    void OnDriverLost(IClient*) override {}
+    void OnSettingsChanged(IClient*, const SClientSettings*) override {}
+    void OnDriverListChanged(IClient*) override {}
+  } host;
+  uint32_t running = 0;
+  uint32_t status = 0;
+  IClient* client = library->CreateClient(&host, nullptr, spec, &running, &status);
+  if (client == nullptr) return "-";
+  std::string range = "-";
+  SClientSettings settings;
+  IVector<QuillonULong>* sizes = client->GetBufferSizes(&status);
+  if (running != 0 && sizes != nullptr && sizes->GetSize() > 0 &&
+      client->GetClientSettings(&settings) == kStatusOk && settings.sampleRate != 0) {
+    const QuillonULong* first = sizes->GetData();
+    const QuillonULong* last = first + sizes->GetSize();
+    const double rate = settings.sampleRate;
+    char text[64];
+    std::snprintf(text, sizeof text, "%.1f-%.1f ms", *std::min_element(first, last) * 1000.0 / rate,
+                  *std::max_element(first, last) * 1000.0 / rate);
+    range = text;
+  }
+  QuillonDestroy(sizes);
+  QuillonDestroy(client);
+  return range;
+}
+
 void List(IQuillon* library, IVector<const IDriverSpec*>* specs) {
-  std::printf("%-6s %-40s %s\n", "family", "name", "key");
+  std::printf("%-6s %-40s %-16s %s\n", "family", "name", "latency", "key");
   for (int64_t i = 0; i < specs->GetSize(); ++i) {
     SDriverSpecKey key;
     specs->GetData()[i]->GetKeyRecord(&key);
-    std::printf("%-6s %-40s %s\n", Narrow(Field(key.family)).c_str(),
-                Narrow(Field(key.name)).c_str(), Narrow(KeyOf(library, specs->GetData()[i])).c_str());
+    std::printf("%-6s %-40s %-16s %s\n", Narrow(Field(key.family)).c_str(),
+                Narrow(Field(key.name)).c_str(),
+                LatencyRange(library, specs->GetData()[i], key).c_str(),
+                Narrow(KeyOf(library, specs->GetData()[i])).c_str());
   }
 }
 
@@ -410,7 +448,8 @@ int Run(IQuillon* library, const SOptions& options) {
 
 int main(int argc, char** argv) {
   SOptions options;
-  if (!ParseOptions(argc, argv, options)) return Usage();
+  if (!ParseOptions(argc, argv, options)) return Usage(false);
+  if (options.help) return Usage(true);
   void* module = NSPlatform::OpenModule(options.library);
   if (module == nullptr) {
     std::fprintf(stderr, "quillon_demo: cannot load %s\n", options.library);

@@ -10,6 +10,7 @@ packages=(
   g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
   wine64
   jackd2 libasound2-plugins
+  doxygen
 )
 
 missing=()

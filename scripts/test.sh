@@ -65,6 +65,8 @@ wine_tests() { bash scripts/wine-session.sh bash -c 'cd build/windows && ctest -
 
 stage "native build" bash scripts/build.sh native
 stage "native tests" native_tests
+stage "reference of the public headers (doxygen, warnings fail it)" \
+  cmake --build build/native --target quillon_docs
 stage "native build with address and undefined-behaviour sanitizers" \
   bash scripts/build.sh asan -DQUILLON_SANITIZE=address,undefined -DQUILLON_BUILD_BENCH=OFF
 stage "native tests under the address and undefined-behaviour sanitizers" asan_tests

@@ -8,3 +8,10 @@ if [ "$actual" != "$expected" ]; then
   exit 1
 fi
 echo "exports: $(echo $actual)"
+# Hosts link against the major version's name.
+soname=$(readelf -d "$1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+if [ "$soname" != "libquillon.so.$2" ]; then
+  echo "soname is '$soname', not libquillon.so.$2"
+  exit 1
+fi
+echo "soname: $soname"
