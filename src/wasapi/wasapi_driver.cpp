@@ -1,0 +1,465 @@
+#include "wasapi/wasapi_driver.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+#include "driver/aligned_floats.h"
+#include "driver/kernels.h"
+#include "failure/builder.h"
+#include "failure/scope.h"
+#include "wasapi/wasapi_family.h"
+
+namespace NSWasapi {
+
+using NSFerrand::CSoundDriverSettings;
+using NSMarlet::RaiseFailure;
+
+namespace {
+
+constexpr uint32_t kOfferedRates[] = {44100, 48000, 88200, 96000, 192000};
+constexpr uint32_t kDefaultRate = 48000;
+constexpr uint32_t kStopWaitMs = 4000;
+constexpr uint32_t kEventWaitMs = 200;
+constexpr uint32_t kSilentFlag = 2;
+constexpr uint32_t kMaxSharedSizes = 64;
+
+
+std::u16string ChannelName(uint32_t channel) {
+  if (channel == 0) return u"Left";
+  if (channel == 1) return u"Right";
+  std::u16string digits;
+  for (uint32_t n = channel + 1; n != 0; n /= 10) {
+    digits.insert(digits.begin(), static_cast<char16_t>(u'0' + n % 10));
+  }
+  return u"Out " + digits;
+}
+
+[[noreturn]] void RaiseCannotOpen() {
+  RaiseFailure(NSMarlet::XOpen(""), NSMarlet::TargetWordAudioDriver());
+}
+
+}  // namespace
+
+uint32_t FramesOfDuration(int64_t duration, uint32_t sampleRate) {
+  if (duration <= 0) return 0;
+  const uint64_t frames = (static_cast<uint64_t>(duration) * sampleRate + kHundredNsPerSecond / 2) /
+                          kHundredNsPerSecond;
+  return frames > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(frames);
+}
+
+int64_t DurationOfFrames(uint32_t frames, uint32_t sampleRate) {
+  if (sampleRate == 0) return 0;
+  return static_cast<int64_t>((static_cast<uint64_t>(frames) * kHundredNsPerSecond +
+                               sampleRate / 2) /
+                              sampleRate);
+}
+
+std::vector<uint32_t> SharedSizes(uint32_t minimum, uint32_t maximum, uint32_t fundamental) {
+  std::vector<uint32_t> sizes;
+  if (minimum == 0) return sizes;
+  if (fundamental == 0 || maximum < minimum) return {minimum};
+  for (uint64_t size = minimum; size <= maximum && sizes.size() < kMaxSharedSizes;
+       size += fundamental) {
+    sizes.push_back(static_cast<uint32_t>(size));
+  }
+  return sizes;
+}
+
+uint32_t NearestSize(const std::vector<uint32_t>& sizes, uint32_t requested) {
+  uint32_t best = sizes.empty() ? requested : sizes.front();
+  for (uint32_t size : sizes) {
+    const uint64_t distance = size > requested ? size - requested : requested - size;
+    const uint64_t bestDistance = best > requested ? best - requested : requested - best;
+    if (distance < bestDistance) best = size;
+  }
+  return best;
+}
+
+uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block) {
+  if (block == 0 || padding >= bufferFrames) return 0;
+  return (bufferFrames - padding) / block * block;
+}
+
+void InterleaveInto(const float* const* channels, uint32_t channelCount, uint32_t frames,
+                    ESampleFormat format, uint8_t* destination, int32_t* staging) {
+  const int32_t count = static_cast<int32_t>(frames);
+  for (uint32_t c = 0; c < channelCount; ++c) {
+    const float* source = channels[c];
+    if (format == kSampleFloat32) {
+      float* out = reinterpret_cast<float*>(destination);
+      for (uint32_t f = 0; f < frames; ++f) out[f * channelCount + c] = source[f];
+      continue;
+    }
+    if (format == kSampleInt16) {
+      int16_t* planar = reinterpret_cast<int16_t*>(staging);
+      NSFerrand::FloatToInt16(source, planar, count);
+      int16_t* out = reinterpret_cast<int16_t*>(destination);
+      for (uint32_t f = 0; f < frames; ++f) out[f * channelCount + c] = planar[f];
+      continue;
+    }
+    NSFerrand::FloatToInt32(source, staging, count);
+    // 24 valid bits sit at the top of their 32: the low byte is zero.
+    const int32_t mask = format == kSampleInt24In32 ? ~0xFF : ~0;
+    int32_t* out = reinterpret_cast<int32_t*>(destination);
+    for (uint32_t f = 0; f < frames; ++f) out[f * channelCount + c] = staging[f] & mask;
+  }
+}
+
+COpenWasapiSoundDriver::COpenWasapiSoundDriver(const CWasapiRegisteredSoundDriver& registered,
+                                               NSFerrand::MSoundRenderer* renderer,
+                                               const CSoundDriverSettings* settings)
+    : registered_(registered), api_(registered.Api()), renderer_(renderer) {
+  try {
+    const HResult com = api_.CoInitialize();
+    comInitialised_ = com >= 0;
+    if (com < 0 && com != kComChangedMode) ThrowOnWasapiResult(com);
+    ThrowOnWasapiResult(api_.CreateEnumerator(&enumerator_));
+    if (registered_.Mode() == kShareModeExclusive) FindExclusiveFormats();
+    const uint32_t rate = settings != nullptr ? settings->sampleRate : 0;
+    const uint32_t frames = settings != nullptr ? settings->bufferFrames : 0;
+    OpenStream(rate, frames);
+    settingsChanged_ = true;
+  } catch (...) {
+    CloseStream();
+    if (enumerator_ != nullptr) api_.ReleaseEnumerator(enumerator_);
+    if (comInitialised_) api_.CoUninitialize();
+    throw;
+  }
+}
+
+COpenWasapiSoundDriver::~COpenWasapiSoundDriver() {
+  NSMarlet::COptionalFailureScope scope;
+  CloseStream();
+  if (enumerator_ != nullptr) api_.ReleaseEnumerator(enumerator_);
+  if (comInitialised_) api_.CoUninitialize();
+}
+
+void COpenWasapiSoundDriver::Activate() {
+  bool client3 = false;
+  ThrowOnWasapiResult(api_.ActivateClient(enumerator_, registered_.Endpoint().id, &client_, &client3));
+  if (client_ == nullptr) RaiseCannotOpen();
+  client3_ = client3;
+}
+
+void COpenWasapiSoundDriver::FindExclusiveFormats() {
+  Activate();
+  for (uint32_t rate : kOfferedRates) {
+    for (uint32_t f = 0; f < kSampleFormatCount; ++f) {
+      const ESampleFormat sample = static_cast<ESampleFormat>(f);
+      if (api_.IsFormatSupported(client_, kShareModeExclusive, StereoFormat(rate, sample)) ==
+          kHResultOk) {
+        rates_.push_back(rate);
+        rateFormats_.push_back(sample);
+        break;
+      }
+    }
+  }
+  api_.ReleaseClient(client_);
+  client_ = nullptr;
+  // No format the device takes: it cannot be opened exclusively.
+  if (rates_.empty()) RaiseCannotOpen();
+}
+
+void COpenWasapiSoundDriver::OpenStream(uint32_t sampleRate, uint32_t frames) {
+  if (registered_.Mode() == kShareModeShared) {
+    OpenShared(frames);
+  } else {
+    OpenExclusive(sampleRate, frames);
+  }
+  if (channels_ == 0 || channels_ > kWasapiMaxChannels || blockFrames_ == 0 ||
+      blockFrames_ > kWasapiMaxBlockFrames || engineFrames_ < blockFrames_) {
+    RaiseCannotOpen();
+  }
+  if (sampleRate != 0 && sampleRate != sampleRate_) settingsChanged_ = true;
+  if (frames != 0 && frames != blockFrames_) settingsChanged_ = true;
+  StartStream();
+}
+
+void COpenWasapiSoundDriver::OpenShared(uint32_t frames) {
+  Activate();
+  SWaveFormat mix;
+  ThrowOnWasapiResult(api_.GetMixFormat(client_, &mix));
+  ESampleFormat sample = kSampleFloat32;
+  if (!SampleFormatOf(mix, sample) || mix.samplesPerSecond == 0) RaiseCannotOpen();
+  sample_ = sample;
+  channels_ = mix.channels;
+  sampleRate_ = mix.samplesPerSecond;
+  bool initialised = false;
+  if (client3_) {
+    uint32_t defaultFrames = 0;
+    uint32_t fundamental = 0;
+    uint32_t minimum = 0;
+    uint32_t maximum = 0;
+    if (api_.GetSharedModeEnginePeriod(client_, mix, &defaultFrames, &fundamental, &minimum,
+                                       &maximum) == kHResultOk) {
+      sizes_ = SharedSizes(minimum, maximum, fundamental);
+      const uint32_t period = NearestSize(sizes_, frames != 0 ? frames : minimum);
+      if (period != 0 &&
+          api_.InitializeSharedAudioStream(client_, kStreamFlagEventCallback, period, mix) ==
+              kHResultOk) {
+        blockFrames_ = period;
+        initialised = true;
+      } else {
+        // A client that took part of the try cannot be initialised again.
+        api_.ReleaseClient(client_);
+        client_ = nullptr;
+        Activate();
+      }
+    }
+  }
+  if (!initialised) {
+    int64_t defaultPeriod = 0;
+    int64_t minimumPeriod = 0;
+    ThrowOnWasapiResult(api_.GetDevicePeriod(client_, &defaultPeriod, &minimumPeriod));
+    ThrowOnWasapiResult(
+        api_.Initialize(client_, kShareModeShared, kStreamFlagEventCallback, 0, 0, mix));
+    blockFrames_ = FramesOfDuration(defaultPeriod, sampleRate_);
+    sizes_ = {blockFrames_};
+  }
+  ThrowOnWasapiResult(api_.GetBufferSize(client_, &engineFrames_));
+}
+
+void COpenWasapiSoundDriver::OpenExclusive(uint32_t sampleRate, uint32_t frames) {
+  // The nearest rate that plays; the default one when none is asked for.
+  const uint32_t wanted = sampleRate != 0 ? sampleRate : kDefaultRate;
+  size_t chosen = 0;
+  for (size_t i = 1; i < rates_.size(); ++i) {
+    const uint32_t d = rates_[i] > wanted ? rates_[i] - wanted : wanted - rates_[i];
+    const uint32_t best = rates_[chosen] > wanted ? rates_[chosen] - wanted : wanted - rates_[chosen];
+    if (d < best) chosen = i;
+  }
+  sampleRate_ = rates_[chosen];
+  sample_ = rateFormats_[chosen];
+  channels_ = 2;
+  Activate();
+  int64_t defaultPeriod = 0;
+  int64_t minimumPeriod = 0;
+  ThrowOnWasapiResult(api_.GetDevicePeriod(client_, &defaultPeriod, &minimumPeriod));
+  const uint32_t minimumFrames = std::max(FramesOfDuration(minimumPeriod, sampleRate_), 16u);
+  const uint32_t defaultFrames = std::max(FramesOfDuration(defaultPeriod, sampleRate_), minimumFrames);
+  sizes_.clear();
+  for (uint32_t size = minimumFrames; size <= 8 * defaultFrames && size <= kWasapiMaxBlockFrames;
+       size *= 2) {
+    sizes_.push_back(size);
+  }
+  if (std::find(sizes_.begin(), sizes_.end(), defaultFrames) == sizes_.end() &&
+      defaultFrames <= kWasapiMaxBlockFrames) {
+    sizes_.push_back(defaultFrames);
+    std::sort(sizes_.begin(), sizes_.end());
+  }
+  const uint32_t size = NearestSize(sizes_, frames != 0 ? frames : defaultFrames);
+  const SWaveFormat format = StereoFormat(sampleRate_, sample_);
+  int64_t period = DurationOfFrames(size, sampleRate_);
+  HResult result = api_.Initialize(client_, kShareModeExclusive, kStreamFlagEventCallback, period,
+                                   period, format);
+  if (result == kAudioBufferSizeNotAligned) {
+    // The engine tells the aligned size; a new client takes it.
+    uint32_t aligned = 0;
+    ThrowOnWasapiResult(api_.GetBufferSize(client_, &aligned));
+    api_.ReleaseClient(client_);
+    client_ = nullptr;
+    Activate();
+    period = DurationOfFrames(aligned, sampleRate_);
+    result = api_.Initialize(client_, kShareModeExclusive, kStreamFlagEventCallback, period,
+                             period, format);
+  }
+  ThrowOnWasapiResult(result);
+  ThrowOnWasapiResult(api_.GetBufferSize(client_, &engineFrames_));
+  blockFrames_ = engineFrames_;
+}
+
+void COpenWasapiSoundDriver::StartStream() {
+  event_ = api_.CreateEngineEvent();
+  if (event_ == nullptr) RaiseFailure(std::runtime_error(""), NSMarlet::TargetWordAudioDriver());
+  ThrowOnWasapiResult(api_.SetEventHandle(client_, event_));
+  ThrowOnWasapiResult(api_.GetRenderClient(client_, &render_));
+  if (api_.GetClock(client_, &clock_) < 0 || clock_ == nullptr ||
+      api_.GetClockFrequency(clock_, &clockFrequency_) < 0) {
+    if (clock_ != nullptr) api_.ReleaseClock(clock_);
+    clock_ = nullptr;
+    clockFrequency_ = 0;
+  }
+  for (uint32_t c = 0; c < channels_; ++c) {
+    float* buffer = NSFerrand::NewAlignedFloats(blockFrames_);
+    try {
+      outputs_.push_back(buffer);
+    } catch (...) {
+      NSFerrand::FreeAlignedFloats(buffer);
+      throw;
+    }
+  }
+  staging_.assign(blockFrames_, 0);
+  framesWritten_ = 0;
+  // An exclusive buffer starts out silent, so that its first period plays
+  // nothing stale.
+  if (registered_.Mode() == kShareModeExclusive) {
+    uint8_t* data = nullptr;
+    ThrowOnWasapiResult(api_.GetBuffer(render_, engineFrames_, &data));
+    ThrowOnWasapiResult(api_.ReleaseBuffer(render_, engineFrames_, kSilentFlag));
+  }
+  ThrowOnWasapiResult(api_.Start(client_));
+  try {
+    stopMutex_ = new NSFerrand::CLockableMutex(true);
+    thread_ = new NSFerrand::CTimedThread(this, NSFerrand::kPriorityTimeCritical,
+                                          "COpenWasapiSoundDriver");
+  } catch (...) {
+    delete stopMutex_;
+    stopMutex_ = nullptr;
+    api_.Stop(client_);
+    throw;
+  }
+}
+
+void COpenWasapiSoundDriver::CloseStream() {
+  if (thread_ != nullptr) {
+    try {
+      stopMutex_->Unlock();
+    } catch (...) {
+    }
+    if (!thread_->JoinFor(kStopWaitMs)) thread_->Terminate();
+    delete thread_;
+    thread_ = nullptr;
+    delete stopMutex_;
+    stopMutex_ = nullptr;
+    api_.Stop(client_);
+  }
+  if (clock_ != nullptr) api_.ReleaseClock(clock_);
+  clock_ = nullptr;
+  if (render_ != nullptr) api_.ReleaseRender(render_);
+  render_ = nullptr;
+  if (client_ != nullptr) api_.ReleaseClient(client_);
+  client_ = nullptr;
+  if (event_ != nullptr) api_.CloseEngineEvent(event_);
+  event_ = nullptr;
+  for (float* buffer : outputs_) NSFerrand::FreeAlignedFloats(buffer);
+  outputs_.clear();
+}
+
+void COpenWasapiSoundDriver::Run() {
+  // The engine's objects are free-threaded; COM wants to know this thread.
+  const bool com = api_.CoInitialize() >= 0;
+  for (;;) {
+    const NSPlatform::EWaitResult woken = api_.WaitEngineEvent(event_, kEventWaitMs);
+    if (woken == NSPlatform::kWaitFailed) failed_ = true;
+    if (woken == NSPlatform::kWaitObject) StreamPump();
+    // The opener's release of the stop mutex is the signal to end.
+    const NSFerrand::EStopWaitStep step = NSFerrand::StopWaitStep(stopMutex_->WaitResult(0));
+    if (step == NSFerrand::kStopAsked) {
+      stopMutex_->Unlock();
+      break;
+    }
+    if (step == NSFerrand::kWaitBroken || failed_) {
+      failed_ = true;
+      break;
+    }
+  }
+  if (com) api_.CoUninitialize();
+}
+
+void COpenWasapiSoundDriver::StreamPump() {
+  if (failed_) return;
+  try {
+    uint32_t padding = 0;
+    ThrowOnWasapiResult(api_.GetCurrentPadding(client_, &padding));
+    uint32_t room = FramesToWrite(engineFrames_, padding, blockFrames_);
+    uint64_t played = framesWritten_.load() - padding;
+    uint64_t systemTime = 0;
+    if (clock_ != nullptr && clockFrequency_ != 0) {
+      uint64_t position = 0;
+      uint64_t time = 0;
+      if (api_.GetClockPosition(clock_, &position, &time) >= 0) {
+        played = static_cast<uint64_t>(static_cast<double>(position) * sampleRate_ /
+                                       static_cast<double>(clockFrequency_));
+        systemTime = time * 100;
+      }
+    }
+    while (room >= blockFrames_) {
+      const uint64_t first = framesWritten_.load();
+      // When the block's first frame will sound.
+      const uint64_t ahead = first > played ? first - played : 0;
+      const uint64_t when = systemTime != 0 ? systemTime + ahead * 1000000000ull / sampleRate_ : 0;
+      uint8_t* data = nullptr;
+      ThrowOnWasapiResult(api_.GetBuffer(render_, blockFrames_, &data));
+      if (data == nullptr) RaiseCannotOpen();
+      bool rendered = true;
+      try {
+        renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, first);
+      } catch (...) {
+        rendered = false;
+      }
+      if (rendered) {
+        InterleaveInto(outputs_.data(), channels_, blockFrames_, sample_, data, staging_.data());
+      }
+      ThrowOnWasapiResult(api_.ReleaseBuffer(render_, blockFrames_, rendered ? 0 : kSilentFlag));
+      framesWritten_ = first + blockFrames_;
+      // A renderer that raised has failed: the host hears of it.
+      if (!rendered) {
+        failed_ = true;
+        return;
+      }
+      room -= blockFrames_;
+    }
+  } catch (...) {
+    // The endpoint is gone, or the engine refuses: for good.
+    failed_ = true;
+  }
+}
+
+CSoundDriverSettings& COpenWasapiSoundDriver::GetSettings(CSoundDriverSettings& settings) {
+  settings.sampleRate = sampleRate_;
+  settings.bufferFrames = blockFrames_;
+  settings.inputPairs = NSFerrand::CChannelBitVector(0);
+  settings.outputPairs = NSFerrand::CChannelBitVector((channels_ + 1) / 2);
+  for (uint64_t p = 0; p < settings.outputPairs.Count(); ++p) settings.outputPairs.Set(p, true);
+  settings.clockSource = 0;
+  settings.monitorsValid = false;
+  settings.monitors.clear();
+  return settings;
+}
+
+void COpenWasapiSoundDriver::ApplySettings(const CSoundDriverSettings& settings) {
+  const uint32_t rate = registered_.Mode() == kShareModeShared ? sampleRate_ : settings.sampleRate;
+  if (settings.sampleRate != sampleRate_) settingsChanged_ = true;
+  const uint32_t frames = NearestSize(sizes_, settings.bufferFrames);
+  if (frames != settings.bufferFrames) settingsChanged_ = true;
+  if (rate == sampleRate_ && frames == blockFrames_) return;
+  CloseStream();
+  OpenStream(rate, frames);
+  settingsChanged_ = true;
+}
+
+bool COpenWasapiSoundDriver::TakeSettingsChanged() {
+  const bool changed = settingsChanged_;
+  settingsChanged_ = false;
+  return changed;
+}
+
+NSFerrand::COpenSoundDriverInfo& COpenWasapiSoundDriver::GetDriverInfo(
+    NSFerrand::COpenSoundDriverInfo& info) {
+  info.sampleRates =
+      registered_.Mode() == kShareModeShared ? std::vector<uint32_t>{sampleRate_} : rates_;
+  info.inputNames.clear();
+  info.outputNames.clear();
+  for (uint32_t c = 0; c < channels_; ++c) {
+    info.outputNames.push_back(ChannelName(c));
+  }
+  info.bufferSizes = sizes_;
+  info.clockSourceNames = {u"Internal"};
+  return info;
+}
+
+int64_t COpenWasapiSoundDriver::GetOutputLatency() {
+  int64_t latency = 0;
+  const int64_t buffer = NSFerrand::LatencyMicroseconds(engineFrames_, sampleRate_);
+  if (client_ != nullptr && api_.GetStreamLatency(client_, &latency) >= 0 && latency > 0) {
+    return buffer + latency / 10;
+  }
+  return buffer;
+}
+
+void COpenWasapiSoundDriver::CheckAlive() {
+  if (failed_) RaiseFailure(NSMarlet::XNotReady(""), NSMarlet::TargetWordAudioDriver());
+}
+
+}  // namespace NSWasapi

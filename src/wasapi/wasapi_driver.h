@@ -1,0 +1,116 @@
+// An open WASAPI driver: one stream on the audio engine, shared (the
+// engine's mix format and rate, float, at the smallest period it offers) or
+// exclusive (a rate and sample format found by trial), both woken by the
+// engine's event. Its thread fills exactly the room the engine leaves, in
+// blocks of the size in force.
+#ifndef QUILLON_WASAPI_WASAPI_DRIVER_H
+#define QUILLON_WASAPI_WASAPI_DRIVER_H
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include "driver/driver_contract.h"
+#include "driver/threading.h"
+#include "wasapi/wasapi_api.h"
+
+namespace NSWasapi {
+
+class CWasapiRegisteredSoundDriver;
+
+// The most frames one block may have, and the most channels a stream has.
+constexpr uint32_t kWasapiMaxBlockFrames = 16384;
+constexpr uint32_t kWasapiMaxChannels = 32;
+
+// Frames of a duration of the engine at a rate, and back, to the nearest.
+uint32_t FramesOfDuration(int64_t duration, uint32_t sampleRate);
+int64_t DurationOfFrames(uint32_t frames, uint32_t sampleRate);
+// The sizes a shared stream may have: the fundamental's multiples from the
+// minimum to the maximum, at most 64 of them.
+std::vector<uint32_t> SharedSizes(uint32_t minimum, uint32_t maximum, uint32_t fundamental);
+// The offered size nearest a request; the first on a tie.
+uint32_t NearestSize(const std::vector<uint32_t>& sizes, uint32_t requested);
+// The frames the pump writes for a room: whole blocks only.
+uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block);
+// Planar float channels into the engine's interleaved format, through the
+// kernels; `staging` holds `frames` samples of one channel.
+void InterleaveInto(const float* const* channels, uint32_t channelCount, uint32_t frames,
+                    ESampleFormat format, uint8_t* destination, int32_t* staging);
+
+class COpenWasapiSoundDriver final : public NSFerrand::CABCOpenSoundDriver,
+                                     private NSFerrand::IThreadFunction {
+ public:
+  COpenWasapiSoundDriver(const CWasapiRegisteredSoundDriver& registered,
+                         NSFerrand::MSoundRenderer* renderer,
+                         const NSFerrand::CSoundDriverSettings* settings);
+  ~COpenWasapiSoundDriver() override;
+  COpenWasapiSoundDriver(const COpenWasapiSoundDriver&) = delete;
+  COpenWasapiSoundDriver& operator=(const COpenWasapiSoundDriver&) = delete;
+
+  NSFerrand::CSoundDriverSettings& GetSettings(NSFerrand::CSoundDriverSettings& settings) override;
+  void ApplySettings(const NSFerrand::CSoundDriverSettings& settings) override;
+  bool TakeSettingsChanged() override;
+  NSFerrand::COpenSoundDriverInfo& GetDriverInfo(NSFerrand::COpenSoundDriverInfo& info) override;
+  int64_t GetInputLatency() override { return 0; }
+  int64_t GetOutputLatency() override;
+  bool CanMonitorInputs() override { return false; }
+  void GetInputMonitor(uint32_t, NSFerrand::CInputMonitorSetting&) override {}
+  void SetInputMonitor(uint32_t, const NSFerrand::CInputMonitorSetting&) override {}
+  bool HasControlPanel() override { return false; }
+  bool HasHardwareDevice() override { return false; }
+  NSFerrand::CHardwareDevice* GetHardwareDevice() override { return nullptr; }
+  bool ShowControlPanel() override { return true; }
+  void CheckAlive() override;
+
+  // For tests of the family.
+  bool Failed() const { return failed_.load(); }
+  ESampleFormat SampleFormat() const { return sample_; }
+  uint32_t Channels() const { return channels_; }
+  uint32_t BufferFrames() const { return engineFrames_; }
+  uint64_t FramesWritten() const { return framesWritten_.load(); }
+  // One pass of the pump, as the thread makes it after the engine's event.
+  void StreamPump();
+
+ private:
+  void Run() override;
+  void OpenStream(uint32_t sampleRate, uint32_t frames);
+  void OpenShared(uint32_t frames);
+  void OpenExclusive(uint32_t sampleRate, uint32_t frames);
+  void FindExclusiveFormats();
+  void Activate();
+  void StartStream();
+  void CloseStream();
+
+  const CWasapiRegisteredSoundDriver& registered_;
+  IWasapiApi& api_;
+  NSFerrand::MSoundRenderer* renderer_;
+  bool comInitialised_ = false;
+  WEnumerator enumerator_ = nullptr;
+  WClient client_ = nullptr;
+  bool client3_ = false;
+  WRender render_ = nullptr;
+  WClock clock_ = nullptr;
+  WEvent event_ = nullptr;
+  uint64_t clockFrequency_ = 0;
+  // The exclusive trial: the rates that play, each with its first format.
+  std::vector<uint32_t> rates_;
+  std::vector<ESampleFormat> rateFormats_;
+  std::vector<uint32_t> sizes_;
+  uint32_t sampleRate_ = 0;
+  uint32_t blockFrames_ = 0;
+  uint32_t engineFrames_ = 0;
+  uint32_t channels_ = 2;
+  ESampleFormat sample_ = kSampleFloat32;
+  bool settingsChanged_ = false;
+  NSFerrand::CTimedThread* thread_ = nullptr;
+  NSFerrand::CLockableMutex* stopMutex_ = nullptr;
+  std::atomic<uint64_t> framesWritten_{0};
+  std::atomic<bool> failed_{false};
+  NSFerrand::CChannelPointers inputs_;
+  NSFerrand::CChannelPointers outputs_;
+  std::vector<int32_t> staging_;
+};
+
+}  // namespace NSWasapi
+
+#endif

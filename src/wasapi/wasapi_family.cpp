@@ -1,0 +1,197 @@
+#include "wasapi/wasapi_family.h"
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+
+#include "failure/builder.h"
+#include "wasapi/wasapi_driver.h"
+
+namespace NSWasapi {
+
+using NSFerrand::CRegisteredSoundDriverInfo;
+using NSMarlet::RaiseFailure;
+
+const char16_t kWasapiFamilyWord[] = u"WASAPI";
+
+const SGuid kSubFormatPcm = {0x00000001, 0x0000, 0x0010,
+                             {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
+const SGuid kSubFormatFloat = {0x00000003, 0x0000, 0x0010,
+                               {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
+
+namespace {
+
+const char16_t kSharedKeyPrefix[] = u"Ferrand WASAPI Shared ";
+const char16_t kExclusiveKeyPrefix[] = u"Ferrand WASAPI Exclusive ";
+const char16_t kExclusiveSuffix[] = u" (exclusive)";
+
+struct SSampleShape {
+  uint16_t container;
+  uint16_t valid;
+  bool isFloat;
+};
+constexpr SSampleShape kShapes[kSampleFormatCount] = {
+    {32, 32, true}, {32, 32, false}, {32, 24, false}, {16, 16, false}};
+
+}  // namespace
+
+SWaveFormat StereoFormat(uint32_t sampleRate, ESampleFormat sample) {
+  const SSampleShape& shape = kShapes[sample];
+  SWaveFormat format;
+  format.samplesPerSecond = sampleRate;
+  format.bitsPerSample = shape.container;
+  format.validBitsPerSample = shape.valid;
+  format.blockAlign = static_cast<uint16_t>(2 * shape.container / 8);
+  format.averageBytesPerSecond = sampleRate * format.blockAlign;
+  format.subFormat = shape.isFloat ? kSubFormatFloat : kSubFormatPcm;
+  return format;
+}
+
+bool SampleFormatOf(const SWaveFormat& format, ESampleFormat& sample) {
+  bool isFloat = false;
+  uint16_t valid = format.bitsPerSample;
+  if (format.formatTag == kFormatTagExtensible) {
+    if (format.subFormat == kSubFormatFloat) {
+      isFloat = true;
+    } else if (!(format.subFormat == kSubFormatPcm)) {
+      return false;
+    }
+    valid = format.validBitsPerSample != 0 ? format.validBitsPerSample : format.bitsPerSample;
+  } else if (format.formatTag == kFormatTagFloat) {
+    isFloat = true;
+  } else if (format.formatTag != kFormatTagPcm) {
+    return false;
+  }
+  for (uint32_t i = 0; i < kSampleFormatCount; ++i) {
+    if (kShapes[i].container == format.bitsPerSample && kShapes[i].valid == valid &&
+        kShapes[i].isFloat == isFloat) {
+      sample = static_cast<ESampleFormat>(i);
+      return true;
+    }
+  }
+  return false;
+}
+
+void ThrowOnWasapiResult(HResult result) {
+  if (result >= 0) return;
+  switch (static_cast<uint32_t>(result)) {
+    case 0x8007000Eu:
+      RaiseFailure(std::bad_alloc());
+    case 0x80070057u:
+      RaiseFailure(std::invalid_argument(""));
+    case 0x88890004u:  // the endpoint is gone
+    case 0x8889000Au:  // in another application's hands, exclusively
+    case 0x8889000Eu:  // exclusive mode is not allowed on it
+    case 0x88890008u:  // no format it takes
+      RaiseFailure(NSMarlet::XOpen(""), NSMarlet::TargetWordAudioDriver());
+    default: {
+      NSMarlet::CFailureBuilder builder{NSMarlet::CSourcePosition()};
+      builder.SetFromException(std::runtime_error(""));
+      builder.SetTargetWord(NSMarlet::TargetWordAudioDriver());
+      builder.AddErrorCode(static_cast<uint32_t>(result));
+      NSMarlet::RaiseBody(builder);
+    }
+  }
+}
+
+CWideString WasapiKey(const SEndpoint& endpoint, EShareMode mode) {
+  return (mode == kShareModeShared ? kSharedKeyPrefix : kExclusiveKeyPrefix) + endpoint.id;
+}
+
+CWideString WasapiName(const SEndpoint& endpoint, EShareMode mode) {
+  return mode == kShareModeShared ? endpoint.friendlyName
+                                  : endpoint.friendlyName + kExclusiveSuffix;
+}
+
+CWasapiRegisteredSoundDriver::CWasapiRegisteredSoundDriver(IWasapiApi& api,
+                                                           const SEndpoint& endpoint,
+                                                           EShareMode mode)
+    : api_(api), endpoint_(endpoint), mode_(mode) {}
+
+NSFerrand::CABCOpenSoundDriver* CWasapiRegisteredSoundDriver::OpenWithSettings(
+    const NSFerrand::CSoundDriverSettings& settings, NSFerrand::MSoundRenderer* renderer, void*) {
+  return new COpenWasapiSoundDriver(*this, renderer, &settings);
+}
+
+NSFerrand::CABCOpenSoundDriver* CWasapiRegisteredSoundDriver::OpenWithDefaults(
+    NSFerrand::MSoundRenderer* renderer, void*) {
+  return new COpenWasapiSoundDriver(*this, renderer, nullptr);
+}
+
+CRegisteredSoundDriverInfo& CWasapiRegisteredSoundDriver::GetInfo(CRegisteredSoundDriverInfo& info) {
+  info.key = WasapiKey(endpoint_, mode_);
+  info.family = kWasapiFamilyWord;
+  info.name = WasapiName(endpoint_, mode_);
+  info.version.clear();
+  info.manufacturer.clear();
+  info.flags[0] = 1;
+  info.flags[1] = 0;
+  info.flags[2] = 0;
+  info.flags[3] = 0;
+  return info;
+}
+
+CWasapiFamilyScope::CWasapiFamilyScope(IWasapiApi& api) : api_(api) {
+  // No engine, no drivers, and no failure: the family lists nothing.
+  const HResult com = api_.CoInitialize();
+  comInitialised_ = com >= 0;
+  if (com < 0 && com != kComChangedMode) return;
+  if (api_.CreateEnumerator(&enumerator_) < 0 || enumerator_ == nullptr) {
+    enumerator_ = nullptr;
+    return;
+  }
+  if (api_.RegisterNotification(enumerator_, this, &notification_) < 0) notification_ = nullptr;
+  try {
+    Register();
+  } catch (...) {
+  }
+}
+
+CWasapiFamilyScope::~CWasapiFamilyScope() {
+  if (enumerator_ != nullptr) {
+    if (notification_ != nullptr) api_.UnregisterNotification(enumerator_, notification_);
+    api_.ReleaseEnumerator(enumerator_);
+  }
+  try {
+    NSFerrand::RemoveFamily(kWasapiFamilyWord);
+  } catch (...) {
+  }
+  if (comInitialised_) api_.CoUninitialize();
+}
+
+void CWasapiFamilyScope::OnEndpointsChanged() { changed_.store(true); }
+
+void CWasapiFamilyScope::RefreshIfChanged() {
+  if (!changed_.exchange(false) || enumerator_ == nullptr) return;
+  Register();
+}
+
+void CWasapiFamilyScope::Register() {
+  std::vector<SEndpoint> endpoints;
+  if (api_.ListRenderEndpoints(enumerator_, endpoints) < 0) endpoints.clear();
+  std::vector<CWideString> alive;
+  for (const SEndpoint& endpoint : endpoints) {
+    for (EShareMode mode : {kShareModeShared, kShareModeExclusive}) {
+      CWasapiRegisteredSoundDriver* driver = nullptr;
+      try {
+        driver = new CWasapiRegisteredSoundDriver(api_, endpoint, mode);
+        alive.push_back(WasapiKey(endpoint, mode));
+        if (!NSFerrand::AddRegisteredDriver(driver)) delete driver;
+      } catch (...) {
+        delete driver;
+      }
+    }
+  }
+  NSFerrand::CRegisteredDriverList drivers;
+  NSFerrand::GetRegisteredDrivers(drivers);
+  std::vector<NSFerrand::CABCRegisteredSoundDriver*> gone;
+  for (const NSFerrand::CRegisteredDriverPtr& driver : drivers) {
+    CRegisteredSoundDriverInfo info;
+    driver->GetInfo(info);
+    if (info.family != kWasapiFamilyWord) continue;
+    if (std::find(alive.begin(), alive.end(), info.key) == alive.end()) gone.push_back(driver.get());
+  }
+  for (NSFerrand::CABCRegisteredSoundDriver* driver : gone) NSFerrand::RemoveRegisteredDriver(driver);
+}
+
+}  // namespace NSWasapi
