@@ -401,6 +401,8 @@ uint32_t CQuillonClient::Idle() {
       SwallowingLostDriver([&] { handle_->PollDriver(); });
       RunWatchdog();
       WorkOffConnectionChange();
+      // Endpoints the audio engine told of since the last call.
+      library_->RefreshWasapi();
       if (handle_->TakeHandleSettingsChanged()) {
         CSoundDriverSettings inForce;
         handle_->ReadDriverSettings(inForce);

@@ -49,6 +49,8 @@ CQuillonImpl::CQuillonImpl(const SLibraryParams* params) {
     }
     // MME needs no window: it is there whether the host gave one or not.
     mmeFamily_ = new NSMME::CMMEFamilyScope(*PlatformProvider().waveOut);
+    // The audio engine needs no window either.
+    wasapiFamily_ = new NSWasapi::CWasapiFamilyScope(*PlatformProvider().wasapi);
   } catch (...) {
     Teardown();
     throw;
@@ -73,6 +75,8 @@ void CQuillonImpl::Teardown() {
     asioFamily_ = nullptr;
     delete directSoundFamily_;
     directSoundFamily_ = nullptr;
+    delete wasapiFamily_;
+    wasapiFamily_ = nullptr;
     delete mmeFamily_;
     mmeFamily_ = nullptr;
     delete timerPeriod_;
@@ -179,6 +183,10 @@ NSFerrand::CRegisteredDriverPtr CQuillonImpl::ResolveDriverSpec(const IDriverSpe
     Put(status, StatusFromCurrentFailure());
     return NSFerrand::CRegisteredDriverPtr();
   }
+}
+
+void CQuillonImpl::RefreshWasapi() {
+  if (wasapiFamily_ != nullptr) wasapiFamily_->RefreshIfChanged();
 }
 
 void CQuillonImpl::RescanASIO() {

@@ -11,6 +11,7 @@
 #include "public/boundary_object.h"
 #include "public/timer_period_scope.h"
 #include "public/zep_handler.h"
+#include "wasapi/wasapi_family.h"
 #include "quillon/quillon.h"
 
 namespace NSQuillon2 {
@@ -46,6 +47,8 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   CZEPLibHandler* HardwareHandler() const { return hardwareHandler_; }
   // Lists the ASIO drivers again, by the devices connected now.
   void RescanASIO();
+  // Registers the WASAPI endpoints again when the engine told of a change.
+  void RefreshWasapi();
 
  private:
   void Teardown();
@@ -65,6 +68,7 @@ class CQuillonImpl final : public TBoundaryObject<CQuillonImpl, IQuillon> {
   NSASIO::CASIOFamilyScope* asioFamily_ = nullptr;
   NSDirectSound::CDirectSoundFamilyScope* directSoundFamily_ = nullptr;
   NSMME::CMMEFamilyScope* mmeFamily_ = nullptr;
+  NSWasapi::CWasapiFamilyScope* wasapiFamily_ = nullptr;
 };
 
 }  // namespace NSQuillon2

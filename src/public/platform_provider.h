@@ -8,6 +8,7 @@
 #include "directsound/dsound_api.h"
 #include "hardware/zep_platform.h"
 #include "mme/wave_out.h"
+#include "wasapi/wasapi_api.h"
 
 namespace NSQuillon2 {
 
@@ -17,6 +18,7 @@ struct SPlatformProvider {
   NSASIO::IASIOPlatform* asio;
   NSDirectSound::IDirectSoundApi* directSound;
   NSZEPGlue::IZEPPlatform* hardware;
+  NSWasapi::IWasapiApi* wasapi;
 };
 
 // Null puts the system's operations back.

@@ -502,7 +502,7 @@ TEST_F(RealASIOTest, DriversAreFilteredAndBoundByTheDevicesTheyName) {
   NSTestFakes::PlaceZEPLibrary("v1_999_999", module.Path(), "ZEPLib");
   NSTestFakes::CRedirectedZEPPlatform zep;
   zep.moduleFolder = module.Path();
-  const SPlatformProvider provider = {nullptr, nullptr, nullptr, &zep};
+  const SPlatformProvider provider = {nullptr, nullptr, nullptr, &zep, nullptr};
   SetPlatformProvider(&provider);
   const SLibraryParams params = {UsableWindow(), kLibraryFlagUseHardware};
   uint32_t status = 0;

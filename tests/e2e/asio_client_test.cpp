@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "e2e/e2e_support.h"
+#include "fakes/fake_wasapi.h"
 #include "fakes/fake_asio.h"
 #include "fakes/fake_dsound.h"
 #include "support/usable_window.h"
@@ -52,7 +53,8 @@ class ASIOClientTest : public ::testing::Test {
   Fakes::CFakeWaveOut noWaveOut;
   Fakes::CFakeASIOPlatform platform;
   Fakes::CFakeDirectSound noDirectSound;
-  SPlatformProvider provider{&noWaveOut, &platform, &noDirectSound, nullptr};
+  Fakes::CNoWasapi noWasapi;
+  SPlatformProvider provider{&noWaveOut, &platform, &noDirectSound, nullptr, &noWasapi};
   std::shared_ptr<Fakes::SFakeASIODevice> device;
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "e2e/e2e_support.h"
+#include "fakes/fake_wasapi.h"
 #include "fakes/fake_asio.h"
 #include "fakes/fake_dsound.h"
 #include "support/usable_window.h"
@@ -39,7 +40,8 @@ class DirectSoundClientTest : public ::testing::Test {
   Fakes::CFakeWaveOut fakeWaveOut;
   Fakes::CFakeASIOPlatform noASIO;
   Fakes::CFakeDirectSound directSound;
-  SPlatformProvider provider{&fakeWaveOut, &noASIO, &directSound, nullptr};
+  Fakes::CNoWasapi noWasapi;
+  SPlatformProvider provider{&fakeWaveOut, &noASIO, &directSound, nullptr, &noWasapi};
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;
   TestHost host;

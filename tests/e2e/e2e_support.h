@@ -18,6 +18,7 @@
 
 #include "driver/registry.h"
 #include "driver/wait.h"
+#include "fakes/fake_wasapi.h"
 #include "fakes/fake_driver.h"
 #include "fakes/fake_wave_out.h"
 #include "public/platform_provider.h"
@@ -162,7 +163,8 @@ class LibraryFixture : public ::testing::Test {
   }
 
   Fakes::CFakeWaveOut noWaveOut;
-  SPlatformProvider provider{&noWaveOut, nullptr, nullptr, nullptr};
+  Fakes::CNoWasapi noWasapi;
+  SPlatformProvider provider{&noWaveOut, nullptr, nullptr, nullptr, &noWasapi};
   std::unique_ptr<NSFerrand::CRegistryRef> registryHold;
   std::shared_ptr<Fakes::CFakeDriverControl> control;
   std::shared_ptr<Fakes::CFakeDriverControl> otherControl;

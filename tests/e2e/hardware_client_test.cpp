@@ -3,6 +3,7 @@
 
 #include "e2e/e2e_support.h"
 #include "failure/builder.h"
+#include "fakes/fake_wasapi.h"
 #include "fakes/fake_asio.h"
 #include "fakes/fake_dsound.h"
 #include "fakes/zep_platform_fake.h"
@@ -98,7 +99,8 @@ class HardwareClientTest : public ::testing::Test {
   Fakes::CFakeWaveOut noWaveOut;
   Fakes::CFakeASIOPlatform asio;
   Fakes::CFakeDirectSound noDirectSound;
-  SPlatformProvider provider{&noWaveOut, &asio, &noDirectSound, &zep};
+  Fakes::CNoWasapi noWasapi;
+  SPlatformProvider provider{&noWaveOut, &asio, &noDirectSound, &zep, &noWasapi};
   std::shared_ptr<Fakes::SFakeASIODevice> boxA;
   std::shared_ptr<Fakes::SFakeASIODevice> boxB;
   std::shared_ptr<Fakes::SFakeASIODevice> plain;

@@ -1,10 +1,12 @@
 // A client on an MME device whose wave-out fails in the middle of the stream.
 #include "e2e/e2e_support.h"
+#include "fakes/fake_wasapi.h"
 
 TEST(MMEClient, ADeviceThatFailsMidStreamIsReportedOnceAndTheClientGoesOnSilently) {
   Fakes::CFakeWaveOut fake;
   fake.devices.push_back(Fakes::StereoDevice(u"Speakers", {44100, 48000}));
-  const SPlatformProvider provider{&fake, nullptr, nullptr, nullptr};
+  Fakes::CNoWasapi noWasapi;
+  const SPlatformProvider provider{&fake, nullptr, nullptr, nullptr, &noWasapi};
   SetPlatformProvider(&provider);
   uint32_t status = 0;
   IQuillon* library = Quillon_Create("IQuillon2", nullptr, &status);

@@ -81,7 +81,7 @@ struct SFakeStream {
   int64_t periodicity = 0;
 };
 
-class CFakeWasapi final : public NSWasapi::IWasapiApi {
+class CFakeWasapi : public NSWasapi::IWasapiApi {
  public:
   CFakeWasapi();
   ~CFakeWasapi() override;
@@ -186,6 +186,16 @@ class CFakeWasapi final : public NSWasapi::IWasapiApi {
   std::atomic<int32_t> comBalance_{0};
   std::atomic<uint64_t> framesReleased_{0};
   std::vector<std::thread> notifiers_;
+};
+
+// An engine that is not there: for tests of other families, so that the
+// system's endpoints never join their lists.
+class CNoWasapi final : public CFakeWasapi {
+ public:
+  CNoWasapi() {
+    engine = false;
+    endpoints.clear();
+  }
 };
 
 }  // namespace Fakes

@@ -5,6 +5,7 @@
 #endif
 
 #include "driver/clock.h"
+#include "fakes/fake_wasapi.h"
 #include "fakes/fake_dsound.h"
 #include "fakes/fake_wave_out.h"
 #include "public/platform_provider.h"
@@ -141,7 +142,8 @@ TEST_F(LibraryTest, TwoLibraryObjectsShareOneStorageUntilTheLastIsGone) {
 
 TEST_F(LibraryTest, ListsTheNullDriverAloneWithoutDevices) {
   Fakes::CFakeWaveOut noDevices;
-  const SPlatformProvider provider{&noDevices, nullptr, nullptr, nullptr};
+  Fakes::CNoWasapi noWasapi;
+  const SPlatformProvider provider{&noDevices, nullptr, nullptr, nullptr, &noWasapi};
   SetPlatformProvider(&provider);
   IQuillon* library = Create(nullptr, nullptr);
   SetPlatformProvider(nullptr);
@@ -162,7 +164,8 @@ TEST_F(LibraryTest, TheMMEFamilyComesWithOrWithoutAWindow) {
   // decide over MME.
   Fakes::CFakeDirectSound noDirectSound;
   noDirectSound.libraryPresent = false;
-  const SPlatformProvider provider{&fake, nullptr, &noDirectSound, nullptr};
+  Fakes::CNoWasapi noWasapi;
+  const SPlatformProvider provider{&fake, nullptr, &noDirectSound, nullptr, &noWasapi};
   SetPlatformProvider(&provider);
   SLibraryParams withWindow = {UsableWindow(), 0};
   for (const SLibraryParams* params : {static_cast<const SLibraryParams*>(nullptr),

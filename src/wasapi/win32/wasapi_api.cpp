@@ -15,6 +15,8 @@ struct IUnknownLayout {
   virtual HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** object) = 0;
   virtual ULONG STDMETHODCALLTYPE AddRef() = 0;
   virtual ULONG STDMETHODCALLTYPE Release() = 0;
+ protected:
+  ~IUnknownLayout() = default;
 };
 
 struct IPropertyStoreLayout : IUnknownLayout {
@@ -23,6 +25,8 @@ struct IPropertyStoreLayout : IUnknownLayout {
   virtual HRESULT STDMETHODCALLTYPE GetValue(const PROPERTYKEY& key, PROPVARIANT* value) = 0;
   virtual HRESULT STDMETHODCALLTYPE SetValue(const PROPERTYKEY& key, const PROPVARIANT& value) = 0;
   virtual HRESULT STDMETHODCALLTYPE Commit() = 0;
+ protected:
+  ~IPropertyStoreLayout() = default;
 };
 
 struct IMMDeviceLayout : IUnknownLayout {
@@ -32,11 +36,15 @@ struct IMMDeviceLayout : IUnknownLayout {
                                                       IPropertyStoreLayout** store) = 0;
   virtual HRESULT STDMETHODCALLTYPE GetId(LPWSTR* id) = 0;
   virtual HRESULT STDMETHODCALLTYPE GetState(DWORD* state) = 0;
+ protected:
+  ~IMMDeviceLayout() = default;
 };
 
 struct IMMDeviceCollectionLayout : IUnknownLayout {
   virtual HRESULT STDMETHODCALLTYPE GetCount(UINT* count) = 0;
   virtual HRESULT STDMETHODCALLTYPE Item(UINT index, IMMDeviceLayout** device) = 0;
+ protected:
+  ~IMMDeviceCollectionLayout() = default;
 };
 
 struct IMMNotificationClientLayout : IUnknownLayout {
@@ -45,6 +53,8 @@ struct IMMNotificationClientLayout : IUnknownLayout {
   virtual HRESULT STDMETHODCALLTYPE OnDeviceRemoved(LPCWSTR id) = 0;
   virtual HRESULT STDMETHODCALLTYPE OnDefaultDeviceChanged(int flow, int role, LPCWSTR id) = 0;
   virtual HRESULT STDMETHODCALLTYPE OnPropertyValueChanged(LPCWSTR id, PROPERTYKEY key) = 0;
+ protected:
+  ~IMMNotificationClientLayout() = default;
 };
 
 struct IMMDeviceEnumeratorLayout : IUnknownLayout {
@@ -57,6 +67,8 @@ struct IMMDeviceEnumeratorLayout : IUnknownLayout {
       IMMNotificationClientLayout* client) = 0;
   virtual HRESULT STDMETHODCALLTYPE UnregisterEndpointNotificationCallback(
       IMMNotificationClientLayout* client) = 0;
+ protected:
+  ~IMMDeviceEnumeratorLayout() = default;
 };
 
 struct IAudioClientLayout : IUnknownLayout {
@@ -76,6 +88,8 @@ struct IAudioClientLayout : IUnknownLayout {
   virtual HRESULT STDMETHODCALLTYPE Reset() = 0;
   virtual HRESULT STDMETHODCALLTYPE SetEventHandle(HANDLE event) = 0;
   virtual HRESULT STDMETHODCALLTYPE GetService(const GUID& iid, void** service) = 0;
+ protected:
+  ~IAudioClientLayout() = default;
 };
 
 struct IAudioClient2Layout : IAudioClientLayout {
@@ -83,6 +97,8 @@ struct IAudioClient2Layout : IAudioClientLayout {
   virtual HRESULT STDMETHODCALLTYPE SetClientProperties(const void* properties) = 0;
   virtual HRESULT STDMETHODCALLTYPE GetBufferSizeLimits(const void* format, BOOL eventDriven,
                                                         LONGLONG* minimum, LONGLONG* maximum) = 0;
+ protected:
+  ~IAudioClient2Layout() = default;
 };
 
 struct IAudioClient3Layout : IAudioClient2Layout {
@@ -96,17 +112,23 @@ struct IAudioClient3Layout : IAudioClient2Layout {
   virtual HRESULT STDMETHODCALLTYPE InitializeSharedAudioStream(DWORD flags, UINT32 periodFrames,
                                                                 const void* format,
                                                                 const GUID* session) = 0;
+ protected:
+  ~IAudioClient3Layout() = default;
 };
 
 struct IAudioRenderClientLayout : IUnknownLayout {
   virtual HRESULT STDMETHODCALLTYPE GetBuffer(UINT32 frames, BYTE** data) = 0;
   virtual HRESULT STDMETHODCALLTYPE ReleaseBuffer(UINT32 frames, DWORD flags) = 0;
+ protected:
+  ~IAudioRenderClientLayout() = default;
 };
 
 struct IAudioClockLayout : IUnknownLayout {
   virtual HRESULT STDMETHODCALLTYPE GetFrequency(UINT64* frequency) = 0;
   virtual HRESULT STDMETHODCALLTYPE GetPosition(UINT64* position, UINT64* systemTime) = 0;
   virtual HRESULT STDMETHODCALLTYPE GetCharacteristics(DWORD* characteristics) = 0;
+ protected:
+  ~IAudioClockLayout() = default;
 };
 
 const GUID kClsidDeviceEnumerator = {0xBCDE0395, 0xE52F, 0x467C,
@@ -161,6 +183,8 @@ class CNotificationClient final : public IMMNotificationClientLayout {
     sink_->OnEndpointsChanged();
     return S_OK;
   }
+  ~CNotificationClient() = default;
+
   NSWasapi::IEndpointSink* sink_;
   std::atomic<ULONG> count_{1};
 };
@@ -187,11 +211,13 @@ void CopyFormat(const void* source, SWaveFormat* format) {
   const WAVEFORMATEX* from = static_cast<const WAVEFORMATEX*>(source);
   size_t bytes = sizeof(WAVEFORMATEX) + from->cbSize;
   if (bytes > sizeof(SWaveFormat)) bytes = sizeof(SWaveFormat);
-  *format = SWaveFormat();
-  std::memcpy(format, from, 18);
-  format->extraSize = 0;
-  if (bytes > 18) std::memcpy(reinterpret_cast<uint8_t*>(format) + 18,
-                              reinterpret_cast<const uint8_t*>(from) + 18, bytes - 18);
+  // The record as the engine wrote it; a plain one keeps no extension.
+  uint8_t raw[sizeof(SWaveFormat)];
+  SWaveFormat blank;
+  blank.extraSize = 0;
+  std::memcpy(raw, &blank, sizeof raw);
+  std::memcpy(raw, from, bytes);
+  std::memcpy(static_cast<void*>(format), raw, sizeof raw);
 }
 
 class CSystemWasapi final : public IWasapiApi {
