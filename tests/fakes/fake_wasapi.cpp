@@ -319,10 +319,12 @@ HResult CFakeWasapi::GetCurrentPadding(WClient client, uint32_t* frames) {
   FAKE_CLIENT_CALL(kWasPadding)
   (void)endpoint;
   if (!c.initialised) return kAudioNotInitialized;
-  if (!paddings_.empty()) {
+  const int64_t fixed = fixedPadding.load();
+  if (!paddings_.empty() || fixed >= 0) {
     // The engine has played so much that this much is left.
-    const uint64_t left = std::min<uint64_t>(paddings_.front(), c.written);
-    paddings_.pop_front();
+    const uint64_t wanted = fixed >= 0 ? static_cast<uint64_t>(fixed) : paddings_.front();
+    const uint64_t left = std::min<uint64_t>(wanted, c.written);
+    if (fixed < 0) paddings_.pop_front();
     c.playedBase = c.written - left;
     c.startedAt = NowHundredNs();
     *frames = static_cast<uint32_t>(left);

@@ -92,6 +92,9 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   std::atomic<bool> realTime{true};
   // Fires the engine's event every period while a stream runs.
   std::atomic<bool> ticking{true};
+  // When not negative: every GetCurrentPadding answers this, as an engine
+  // that plays exactly what was written beyond it.
+  std::atomic<int64_t> fixedPadding{-1};
 
   void Fail(EWasapiCall call, NSWasapi::HResult result, int32_t times = -1) {
     plan_.Fail(call, result, times);
