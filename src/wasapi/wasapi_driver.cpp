@@ -8,6 +8,7 @@
 #include "driver/kernels.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
+#include "platform/threads.h"
 #include "wasapi/wasapi_family.h"
 
 namespace NSWasapi {
@@ -339,6 +340,9 @@ void COpenWasapiSoundDriver::CloseStream() {
 void COpenWasapiSoundDriver::Run() {
   // The engine's objects are free-threaded; COM wants to know this thread.
   const bool com = api_.CoInitialize() >= 0;
+  // "Pro Audio" where the system has it; without it the thread goes on.
+  NSPlatform::SRealtimeClass realtime;
+  NSPlatform::EnterRealtimeClass(realtime);
   for (;;) {
     const NSPlatform::EWaitResult woken = api_.WaitEngineEvent(event_, kEventWaitMs);
     if (woken == NSPlatform::kWaitFailed) failed_ = true;
@@ -354,6 +358,7 @@ void COpenWasapiSoundDriver::Run() {
       break;
     }
   }
+  NSPlatform::LeaveRealtimeClass(realtime);
   if (com) api_.CoUninitialize();
 }
 
