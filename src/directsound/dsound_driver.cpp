@@ -17,7 +17,6 @@ using NSMarlet::RaiseFailure;
 
 namespace {
 
-constexpr uint32_t kStopWaitMs = 4000;
 constexpr HResult kBufferLost = static_cast<HResult>(0x88780096u);
 constexpr HResult kInvalidArgument = static_cast<HResult>(0x80070057u);
 const uint32_t kCandidateRates[5] = {44100, 48000, 88200, 96000, 192000};
@@ -311,15 +310,7 @@ void COpenDirectSoundDriver::WriteBlock(int32_t position, int32_t count) {
 
 void COpenDirectSoundDriver::CloseStream() {
   if (thread_ != nullptr) {
-    try {
-      stopMutex_->Unlock();
-    } catch (...) {
-    }
-    if (!thread_->JoinFor(kStopWaitMs)) thread_->Terminate();
-    delete thread_;
-    thread_ = nullptr;
-    delete stopMutex_;
-    stopMutex_ = nullptr;
+    NSFerrand::StopStreamingThread(thread_, stopMutex_);
     api_.Stop(secondary_);
   }
   if (secondary_ != nullptr) api_.ReleaseBuffer(secondary_);

@@ -40,7 +40,7 @@ int32_t CursorFrames(uint32_t bytePosition);
 // Frames the cursor moved, across the wrap of the ring.
 int32_t CursorDelta(int32_t cursor, int32_t lastCursor);
 
-class COpenDirectSoundDriver final : public NSFerrand::CABCOpenSoundDriver,
+class COpenDirectSoundDriver final : public NSFerrand::COutputOnlySoundDriver,
                                      private NSFerrand::IThreadFunction {
  public:
   // `settings` null: the rate nearest 44100 and 4096 frames.
@@ -55,15 +55,7 @@ class COpenDirectSoundDriver final : public NSFerrand::CABCOpenSoundDriver,
   void ApplySettings(const NSFerrand::CSoundDriverSettings& settings) override;
   bool TakeSettingsChanged() override;
   NSFerrand::COpenSoundDriverInfo& GetDriverInfo(NSFerrand::COpenSoundDriverInfo& info) override;
-  int64_t GetInputLatency() override { return 0; }
   int64_t GetOutputLatency() override;
-  bool CanMonitorInputs() override { return false; }
-  void GetInputMonitor(uint32_t, NSFerrand::CInputMonitorSetting&) override {}
-  void SetInputMonitor(uint32_t, const NSFerrand::CInputMonitorSetting&) override {}
-  bool HasControlPanel() override { return false; }
-  bool HasHardwareDevice() override { return false; }
-  NSFerrand::CHardwareDevice* GetHardwareDevice() override { return nullptr; }
-  bool ShowControlPanel() override { return true; }
   void CheckAlive() override;
 
   // For tests of the family.

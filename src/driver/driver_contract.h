@@ -135,6 +135,20 @@ class CABCOpenSoundDriver {
   virtual void CheckAlive() = 0;
 };
 
+// The answers every family that plays to a system output device gives
+// alike: no inputs, no monitoring, no panel of its own, no hardware device.
+class COutputOnlySoundDriver : public CABCOpenSoundDriver {
+ public:
+  int64_t GetInputLatency() override { return 0; }
+  bool CanMonitorInputs() override { return false; }
+  void GetInputMonitor(uint32_t, CInputMonitorSetting&) override {}
+  void SetInputMonitor(uint32_t, const CInputMonitorSetting&) override {}
+  bool HasControlPanel() override { return false; }
+  bool HasHardwareDevice() override { return false; }
+  CHardwareDevice* GetHardwareDevice() override { return nullptr; }
+  bool ShowControlPanel() override { return true; }
+};
+
 // A driver the registry knows. GetInfo works without opening the driver and
 // is called under the registry's lock: it must not call the registry.
 class CABCRegisteredSoundDriver {

@@ -131,4 +131,20 @@ void CTimedThread::Terminate() {
 
 bool CTimedThread::Ended() const { return NSPlatform::ThreadHasEnded(thread_); }
 
+void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex) {
+  if (stopMutex != nullptr) {
+    try {
+      stopMutex->Unlock();
+    } catch (...) {
+    }
+  }
+  if (thread != nullptr) {
+    if (!thread->JoinFor(kStreamingStopWaitMs)) thread->Terminate();
+    delete thread;
+    thread = nullptr;
+  }
+  delete stopMutex;
+  stopMutex = nullptr;
+}
+
 }  // namespace NSFerrand

@@ -70,6 +70,15 @@ class CTryScopedLock {
   bool locked_;
 };
 
+class CTimedThread;
+
+// How long a streaming thread has to end after its stop signal.
+constexpr uint32_t kStreamingStopWaitMs = 4000;
+// Gives a streaming thread its stop signal, the release of the mutex that
+// its opener holds; waits for it to end, terminates it when it does not in
+// time, and frees both. Either may be null; both are null afterwards.
+void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex);
+
 // What a streaming thread does after its short wait on the stop mutex. A
 // wait that failed would make the loop spin: the thread ends, and its
 // driver reports itself failed, since the stream is no longer kept up.

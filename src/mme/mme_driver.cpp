@@ -16,7 +16,6 @@ namespace NSMME {
 
 namespace {
 
-constexpr uint32_t kStopWaitMs = 4000;
 
 }  // namespace
 
@@ -182,19 +181,7 @@ void COpenMMESoundDriver::Run() {
 void COpenMMESoundDriver::CloseStream() {
   if (waveOut_ == nullptr) return;
   stopping_ = true;
-  if (stopMutex_ != nullptr) {
-    try {
-      stopMutex_->Unlock();
-    } catch (...) {
-    }
-  }
-  if (thread_ != nullptr) {
-    if (!thread_->JoinFor(kStopWaitMs)) thread_->Terminate();
-    delete thread_;
-    thread_ = nullptr;
-  }
-  delete stopMutex_;
-  stopMutex_ = nullptr;
+  NSFerrand::StopStreamingThread(thread_, stopMutex_);
   api_.Reset(waveOut_);
   running_ = false;
   // Headers must not be unprepared while the device still holds one.

@@ -36,7 +36,7 @@ using NSFerrand::StopWaitStep;
 // Blocks the pump keeps queued for a buffer size: whole blocks, rounded up.
 int32_t TargetBlocks(uint32_t bufferFrames);
 
-class COpenMMESoundDriver final : public NSFerrand::CABCOpenSoundDriver,
+class COpenMMESoundDriver final : public NSFerrand::COutputOnlySoundDriver,
                                   private NSFerrand::IThreadFunction {
  public:
   // `settings` null: the rate nearest 44100 and 8192 frames.
@@ -51,15 +51,7 @@ class COpenMMESoundDriver final : public NSFerrand::CABCOpenSoundDriver,
   void ApplySettings(const NSFerrand::CSoundDriverSettings& settings) override;
   bool TakeSettingsChanged() override;
   NSFerrand::COpenSoundDriverInfo& GetDriverInfo(NSFerrand::COpenSoundDriverInfo& info) override;
-  int64_t GetInputLatency() override { return 0; }
   int64_t GetOutputLatency() override;
-  bool CanMonitorInputs() override { return false; }
-  void GetInputMonitor(uint32_t, NSFerrand::CInputMonitorSetting&) override {}
-  void SetInputMonitor(uint32_t, const NSFerrand::CInputMonitorSetting&) override {}
-  bool HasControlPanel() override { return false; }
-  bool HasHardwareDevice() override { return false; }
-  NSFerrand::CHardwareDevice* GetHardwareDevice() override { return nullptr; }
-  bool ShowControlPanel() override { return true; }
   void CheckAlive() override;
 
   // For tests of the family: raised each block written into an empty queue.

@@ -20,7 +20,6 @@ namespace {
 
 constexpr uint32_t kOfferedRates[] = {44100, 48000, 88200, 96000, 192000};
 constexpr uint32_t kDefaultRate = 48000;
-constexpr uint32_t kStopWaitMs = 4000;
 constexpr uint32_t kEventWaitMs = 200;
 constexpr uint32_t kSilentFlag = 2;
 constexpr uint32_t kMaxSharedSizes = 64;
@@ -314,15 +313,7 @@ void COpenWasapiSoundDriver::StartStream() {
 
 void COpenWasapiSoundDriver::CloseStream() {
   if (thread_ != nullptr) {
-    try {
-      stopMutex_->Unlock();
-    } catch (...) {
-    }
-    if (!thread_->JoinFor(kStopWaitMs)) thread_->Terminate();
-    delete thread_;
-    thread_ = nullptr;
-    delete stopMutex_;
-    stopMutex_ = nullptr;
+    NSFerrand::StopStreamingThread(thread_, stopMutex_);
     api_.Stop(client_);
   }
   if (clock_ != nullptr) api_.ReleaseClock(clock_);

@@ -37,7 +37,7 @@ uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block);
 void InterleaveInto(const float* const* channels, uint32_t channelCount, uint32_t frames,
                     ESampleFormat format, uint8_t* destination, int32_t* staging);
 
-class COpenWasapiSoundDriver final : public NSFerrand::CABCOpenSoundDriver,
+class COpenWasapiSoundDriver final : public NSFerrand::COutputOnlySoundDriver,
                                      private NSFerrand::IThreadFunction {
  public:
   COpenWasapiSoundDriver(const CWasapiRegisteredSoundDriver& registered,
@@ -51,15 +51,7 @@ class COpenWasapiSoundDriver final : public NSFerrand::CABCOpenSoundDriver,
   void ApplySettings(const NSFerrand::CSoundDriverSettings& settings) override;
   bool TakeSettingsChanged() override;
   NSFerrand::COpenSoundDriverInfo& GetDriverInfo(NSFerrand::COpenSoundDriverInfo& info) override;
-  int64_t GetInputLatency() override { return 0; }
   int64_t GetOutputLatency() override;
-  bool CanMonitorInputs() override { return false; }
-  void GetInputMonitor(uint32_t, NSFerrand::CInputMonitorSetting&) override {}
-  void SetInputMonitor(uint32_t, const NSFerrand::CInputMonitorSetting&) override {}
-  bool HasControlPanel() override { return false; }
-  bool HasHardwareDevice() override { return false; }
-  NSFerrand::CHardwareDevice* GetHardwareDevice() override { return nullptr; }
-  bool ShowControlPanel() override { return true; }
   void CheckAlive() override;
 
   // For tests of the family.
