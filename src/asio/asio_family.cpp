@@ -97,16 +97,7 @@ void CASIOFamily::Register() {
       delete driver;
     }
   }
-  NSFerrand::CRegisteredDriverList drivers;
-  NSFerrand::GetRegisteredDrivers(drivers);
-  std::vector<NSFerrand::CABCRegisteredSoundDriver*> gone;
-  for (const NSFerrand::CRegisteredDriverPtr& driver : drivers) {
-    CRegisteredSoundDriverInfo info;
-    driver->GetInfo(info);
-    if (info.family != kASIOFamilyWord) continue;
-    if (std::find(alive.begin(), alive.end(), info.key) == alive.end()) gone.push_back(driver.get());
-  }
-  for (NSFerrand::CABCRegisteredSoundDriver* driver : gone) NSFerrand::RemoveRegisteredDriver(driver);
+  NSFerrand::RemoveFamilyDriversExcept(kASIOFamilyWord, alive);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ int32_t CursorFrames(uint32_t bytePosition);
 // Frames the cursor moved, across the wrap of the ring.
 int32_t CursorDelta(int32_t cursor, int32_t lastCursor);
 
-class COpenDirectSoundDriver final : public NSFerrand::COutputOnlySoundDriver,
+class COpenDirectSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
                                      private NSFerrand::IThreadFunction {
  public:
   // `settings` null: the rate nearest 44100 and 4096 frames.

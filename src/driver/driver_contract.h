@@ -135,9 +135,9 @@ class CABCOpenSoundDriver {
   virtual void CheckAlive() = 0;
 };
 
-// The answers every family that plays to a system output device gives
-// alike: no inputs, no monitoring, no panel of its own, no hardware device.
-class COutputOnlySoundDriver : public CABCOpenSoundDriver {
+// The answers a driver without monitoring, without a panel of its own and
+// without a hardware device gives; without inputs, its input latency is 0.
+class CPlainOpenSoundDriver : public CABCOpenSoundDriver {
  public:
   int64_t GetInputLatency() override { return 0; }
   bool CanMonitorInputs() override { return false; }

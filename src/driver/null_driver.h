@@ -32,7 +32,7 @@ struct CNullChannelBuffers {
   CChannelPointers outputs;
 };
 
-class CNullOpenSoundDriver final : public CABCOpenSoundDriver {
+class CNullOpenSoundDriver final : public CPlainOpenSoundDriver {
  public:
   // A requested rate snaps to the nearest of the five; defaults are 44100.
   CNullOpenSoundDriver(const CSoundDriverSettings* settings, MSoundRenderer* renderer);
@@ -46,13 +46,6 @@ class CNullOpenSoundDriver final : public CABCOpenSoundDriver {
   COpenSoundDriverInfo& GetDriverInfo(COpenSoundDriverInfo& info) override;
   int64_t GetInputLatency() override;
   int64_t GetOutputLatency() override;
-  bool CanMonitorInputs() override { return false; }
-  void GetInputMonitor(uint32_t, CInputMonitorSetting&) override {}
-  void SetInputMonitor(uint32_t, const CInputMonitorSetting&) override {}
-  bool HasControlPanel() override { return false; }
-  bool HasHardwareDevice() override { return false; }
-  CHardwareDevice* GetHardwareDevice() override { return nullptr; }
-  bool ShowControlPanel() override { return true; }
   void CheckAlive() override;
 
   // The render period in force, in milliseconds.

@@ -1,5 +1,6 @@
 #include "driver/registry.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "driver/null_driver.h"
@@ -109,6 +110,19 @@ CRegistryRef::~CRegistryRef() {
 bool AddRegisteredDriver(CABCRegisteredSoundDriver* driver) { return Registry().Add(driver); }
 void RemoveRegisteredDriver(CABCRegisteredSoundDriver* driver) { Registry().Remove(driver); }
 void RemoveFamily(const CWideString& family) { Registry().RemoveFamily(family); }
+void RemoveFamilyDriversExcept(const CWideString& family, const std::vector<CWideString>& keys) {
+  CRegisteredDriverList drivers;
+  GetRegisteredDrivers(drivers);
+  std::vector<CABCRegisteredSoundDriver*> gone;
+  for (const CRegisteredDriverPtr& driver : drivers) {
+    CRegisteredSoundDriverInfo info;
+    driver->GetInfo(info);
+    if (info.family != family) continue;
+    if (std::find(keys.begin(), keys.end(), info.key) == keys.end()) gone.push_back(driver.get());
+  }
+  for (CABCRegisteredSoundDriver* driver : gone) RemoveRegisteredDriver(driver);
+}
+
 void GetRegisteredDrivers(CRegisteredDriverList& drivers) { Registry().GetDrivers(drivers); }
 bool TakeDriverListChanged() { return Registry().TakeChanged(); }
 bool RegistryExists() { return gRegistry != nullptr; }

@@ -54,6 +54,9 @@ bool AddRegisteredDriver(CABCRegisteredSoundDriver* driver);
 void RemoveRegisteredDriver(CABCRegisteredSoundDriver* driver);
 // Removes the family's drivers, and any whose GetInfo raises.
 void RemoveFamily(const CWideString& family);
+// Removes the family's drivers whose key is not among `keys`: what a family
+// does after registering again the drivers that still qualify.
+void RemoveFamilyDriversExcept(const CWideString& family, const std::vector<CWideString>& keys);
 void GetRegisteredDrivers(CRegisteredDriverList& drivers);
 // True once after any number of changes.
 bool TakeDriverListChanged();

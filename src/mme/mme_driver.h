@@ -36,7 +36,7 @@ using NSFerrand::StopWaitStep;
 // Blocks the pump keeps queued for a buffer size: whole blocks, rounded up.
 int32_t TargetBlocks(uint32_t bufferFrames);
 
-class COpenMMESoundDriver final : public NSFerrand::COutputOnlySoundDriver,
+class COpenMMESoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
                                   private NSFerrand::IThreadFunction {
  public:
   // `settings` null: the rate nearest 44100 and 8192 frames.

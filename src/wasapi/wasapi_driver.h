@@ -37,7 +37,7 @@ uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block);
 void InterleaveInto(const float* const* channels, uint32_t channelCount, uint32_t frames,
                     ESampleFormat format, uint8_t* destination, int32_t* staging);
 
-class COpenWasapiSoundDriver final : public NSFerrand::COutputOnlySoundDriver,
+class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
                                      private NSFerrand::IThreadFunction {
  public:
   COpenWasapiSoundDriver(const CWasapiRegisteredSoundDriver& registered,

@@ -182,16 +182,7 @@ void CWasapiFamilyScope::Register() {
       }
     }
   }
-  NSFerrand::CRegisteredDriverList drivers;
-  NSFerrand::GetRegisteredDrivers(drivers);
-  std::vector<NSFerrand::CABCRegisteredSoundDriver*> gone;
-  for (const NSFerrand::CRegisteredDriverPtr& driver : drivers) {
-    CRegisteredSoundDriverInfo info;
-    driver->GetInfo(info);
-    if (info.family != kWasapiFamilyWord) continue;
-    if (std::find(alive.begin(), alive.end(), info.key) == alive.end()) gone.push_back(driver.get());
-  }
-  for (NSFerrand::CABCRegisteredSoundDriver* driver : gone) NSFerrand::RemoveRegisteredDriver(driver);
+  NSFerrand::RemoveFamilyDriversExcept(kWasapiFamilyWord, alive);
 }
 
 }  // namespace NSWasapi
