@@ -211,7 +211,7 @@ const char kUsage[] =
     "  --list             list the drivers: family, name, key, and the latency\n"
     "                     range of drivers that open at no cost\n"
     "  --driver NAME      play through the driver of that name (default \"No Sound\")\n"
-    "  --family FAMILY    with --driver: only that family (ASIO, DX, MME, Off)\n"
+    "  --family FAMILY    with --driver: only that family (ASIO, DX, MME, WASAPI, Off)\n"
     "  --spec FILE        play through the driver a saved spec names\n"
     "  --save-spec FILE   save the chosen driver's spec to FILE\n"
     "  --seconds N        play N seconds (default 5)\n"

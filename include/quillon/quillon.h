@@ -60,7 +60,7 @@ struct SLibraryParams {
 
 /// The record that names a driver. Texts are UTF-16, zero-terminated, zero-filled behind.
 struct SDriverSpecKey {
-  uint16_t family[256];        ///< "Off" (the null driver), "ASIO", "DX" or "MME".
+  uint16_t family[256];        ///< "Off" (the null driver), "ASIO", "DX", "MME" or "WASAPI".
   uint16_t name[256];          ///< The name to show.
   uint16_t version[256];       ///< The driver's version, often empty.
   uint16_t manufacturer[256];  ///< The maker, often empty.

@@ -185,11 +185,12 @@ inline SClientSettings Stereo(uint32_t rate, uint32_t frames) {
   return flat;
 }
 
-// The library over the system's own wave-out functions, and the first MME
-// driver it lists. Under Wine the test scripts give it a device (ALSA into a
+// The library over the system's own services, and the first driver of one
+// family. Under Wine the test scripts give the system a device (ALSA into a
 // JACK server) and say so; natively there is none, and the test skips.
-class RealWaveOutFixture : public ::testing::Test {
+class RealFamilyFixture : public ::testing::Test {
  protected:
+  RealFamilyFixture(const char16_t* family, const char* what) : family_(family), what_(what) {}
   void SetUp() override {
     SetPlatformProvider(nullptr);
     uint32_t status = 0;
@@ -197,11 +198,11 @@ class RealWaveOutFixture : public ::testing::Test {
     ASSERT_NE(library, nullptr);
     specs = library->GetDriverSpecs(&status);
     ASSERT_NE(specs, nullptr);
-    mme = FirstOf(specs, u"MME");
-    if (mme == nullptr) {
+    device = FirstOf(specs, family_);
+    if (device == nullptr) {
       const char* expected = std::getenv("QUILLON_EXPECT_WAVE_OUT");
-      ASSERT_FALSE(expected != nullptr && expected[0] == '1') << "no wave-out device is listed";
-      GTEST_SKIP() << "this system has no wave-out device";
+      ASSERT_FALSE(expected != nullptr && expected[0] == '1') << "no " << what_ << " is listed";
+      GTEST_SKIP() << "this system has no " << what_;
     }
   }
   void TearDown() override {
@@ -211,6 +212,21 @@ class RealWaveOutFixture : public ::testing::Test {
 
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;
+  const IDriverSpec* device = nullptr;
+
+ private:
+  const char16_t* family_;
+  const char* what_;
+};
+
+// The first MME driver of the system.
+class RealWaveOutFixture : public RealFamilyFixture {
+ protected:
+  RealWaveOutFixture() : RealFamilyFixture(u"MME", "wave-out device") {}
+  void SetUp() override {
+    RealFamilyFixture::SetUp();
+    mme = device;
+  }
   const IDriverSpec* mme = nullptr;
 };
 

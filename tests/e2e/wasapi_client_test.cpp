@@ -148,25 +148,12 @@ namespace {
 // The system's audio engine: under Wine the test scripts give it a device
 // (ALSA into a JACK server at real-time pace) and say so; natively there is
 // no engine, and the tests skip.
-class RealWasapiTest : public ::testing::Test {
+class RealWasapiTest : public RealFamilyFixture {
  protected:
+  RealWasapiTest() : RealFamilyFixture(u"WASAPI", "audio engine endpoint") {}
   void SetUp() override {
-    SetPlatformProvider(nullptr);
-    uint32_t status = 0;
-    library = Quillon_Create("IQuillon2", nullptr, &status);
-    ASSERT_NE(library, nullptr);
-    specs = library->GetDriverSpecs(&status);
-    ASSERT_NE(specs, nullptr);
-    shared = FirstOf(specs, u"WASAPI");
-    if (shared == nullptr) {
-      const char* expected = std::getenv("QUILLON_EXPECT_WAVE_OUT");
-      ASSERT_FALSE(expected != nullptr && expected[0] == '1') << "no WASAPI endpoint is listed";
-      GTEST_SKIP() << "this system has no audio engine";
-    }
-  }
-  void TearDown() override {
-    QuillonDestroy(specs);
-    QuillonDestroy(library);
+    RealFamilyFixture::SetUp();
+    shared = device;
   }
   // Idles as a host does, every 20 ms, for that long.
   void Play(IClient* client, double seconds) {
@@ -177,8 +164,6 @@ class RealWasapiTest : public ::testing::Test {
     }
   }
 
-  IQuillon* library = nullptr;
-  IVector<const IDriverSpec*>* specs = nullptr;
   const IDriverSpec* shared = nullptr;
   TestHost host;
 };
