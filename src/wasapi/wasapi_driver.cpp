@@ -6,6 +6,7 @@
 
 #include "driver/aligned_floats.h"
 #include "driver/kernels.h"
+#include "driver/registry.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
 #include "platform/threads.h"
@@ -67,13 +68,7 @@ std::vector<uint32_t> SharedSizes(uint32_t minimum, uint32_t maximum, uint32_t f
 }
 
 uint32_t NearestSize(const std::vector<uint32_t>& sizes, uint32_t requested) {
-  uint32_t best = sizes.empty() ? requested : sizes.front();
-  for (uint32_t size : sizes) {
-    const uint64_t distance = size > requested ? size - requested : requested - size;
-    const uint64_t bestDistance = best > requested ? best - requested : requested - best;
-    if (distance < bestDistance) best = size;
-  }
-  return best;
+  return sizes.empty() ? requested : NSFerrand::FindNearestValue(sizes, requested);
 }
 
 uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block) {
@@ -222,14 +217,9 @@ void COpenWasapiSoundDriver::OpenShared(uint32_t frames) {
 
 void COpenWasapiSoundDriver::OpenExclusive(uint32_t sampleRate, uint32_t frames) {
   // The nearest rate that plays; the default one when none is asked for.
-  const uint32_t wanted = sampleRate != 0 ? sampleRate : kDefaultRate;
-  size_t chosen = 0;
-  for (size_t i = 1; i < rates_.size(); ++i) {
-    const uint32_t d = rates_[i] > wanted ? rates_[i] - wanted : wanted - rates_[i];
-    const uint32_t best = rates_[chosen] > wanted ? rates_[chosen] - wanted : wanted - rates_[chosen];
-    if (d < best) chosen = i;
-  }
-  sampleRate_ = rates_[chosen];
+  sampleRate_ = NSFerrand::FindNearestValue(rates_, sampleRate != 0 ? sampleRate : kDefaultRate);
+  const size_t chosen =
+      static_cast<size_t>(std::find(rates_.begin(), rates_.end(), sampleRate_) - rates_.begin());
   sample_ = rateFormats_[chosen];
   channels_ = 2;
   Activate();

@@ -28,7 +28,8 @@ int64_t DurationOfFrames(uint32_t frames, uint32_t sampleRate);
 // The sizes a shared stream may have: the fundamental's multiples from the
 // minimum to the maximum, at most 64 of them.
 std::vector<uint32_t> SharedSizes(uint32_t minimum, uint32_t maximum, uint32_t fundamental);
-// The offered size nearest a request; the first on a tie.
+// The offered size nearest a request, the first on a tie; the request
+// itself when nothing is offered.
 uint32_t NearestSize(const std::vector<uint32_t>& sizes, uint32_t requested);
 // The frames the pump writes for a room: whole blocks only.
 uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block);
