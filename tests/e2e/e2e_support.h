@@ -44,6 +44,17 @@ inline const IDriverSpec* FirstOf(IVector<const IDriverSpec*>* specs, const std:
   return nullptr;
 }
 
+// The first listed driver of that name, in any family, or null.
+inline const IDriverSpec* NamedSpec(IVector<const IDriverSpec*>* specs,
+                                    const std::u16string& name) {
+  for (int64_t i = 0; i < specs->GetSize(); ++i) {
+    SDriverSpecKey key;
+    specs->GetData()[i]->GetKeyRecord(&key);
+    if (Text(key.name) == name) return specs->GetData()[i];
+  }
+  return nullptr;
+}
+
 class TestHost final : public IClientHost {
  public:
   uint32_t Render(IClient* client, uint32_t frames, const float* const* inputs, int32_t inputCount,

@@ -62,14 +62,7 @@ class HardwareClientTest : public ::testing::Test {
     specs = library->GetDriverSpecs(&status);
     ASSERT_EQ(status, kStatusOk);
   }
-  const IDriverSpec* Named(const std::u16string& name) {
-    for (int64_t i = 0; i < specs->GetSize(); ++i) {
-      SDriverSpecKey key;
-      specs->GetData()[i]->GetKeyRecord(&key);
-      if (Text(key.name) == name) return specs->GetData()[i];
-    }
-    return nullptr;
-  }
+  const IDriverSpec* Named(const std::u16string& name) { return NamedSpec(specs, name); }
   IClient* Open(const std::u16string& name, IHardwareEventSink* context = nullptr,
                 const SClientSettings* settings = nullptr) {
     uint32_t running = 9;

@@ -31,14 +31,7 @@ class WasapiClientTest : public ::testing::Test {
     specs = library->GetDriverSpecs(&status);
     ASSERT_EQ(status, kStatusOk);
   }
-  const IDriverSpec* Named(const std::u16string& name) {
-    for (int64_t i = 0; i < specs->GetSize(); ++i) {
-      SDriverSpecKey key;
-      specs->GetData()[i]->GetKeyRecord(&key);
-      if (Text(key.name) == name) return specs->GetData()[i];
-    }
-    return nullptr;
-  }
+  const IDriverSpec* Named(const std::u16string& name) { return NamedSpec(specs, name); }
   IClient* Open(const std::u16string& name, uint32_t expectRunning = 1) {
     uint32_t running = 9;
     uint32_t status = 0;
@@ -202,12 +195,7 @@ TEST_F(RealWasapiTest, ExclusiveModePlaysOrIsRefusedCleanly) {
   SDriverSpecKey key;
   shared->GetKeyRecord(&key);
   const std::u16string exclusiveName = Text(key.name) + u" (exclusive)";
-  const IDriverSpec* exclusive = nullptr;
-  for (int64_t i = 0; i < specs->GetSize(); ++i) {
-    SDriverSpecKey other;
-    specs->GetData()[i]->GetKeyRecord(&other);
-    if (Text(other.name) == exclusiveName) exclusive = specs->GetData()[i];
-  }
+  const IDriverSpec* exclusive = NamedSpec(specs, exclusiveName);
   ASSERT_NE(exclusive, nullptr);
   uint32_t running = 9;
   uint32_t status = 0;
