@@ -11,6 +11,7 @@ packages=(
   wine64
   jackd2 libasound2-plugins
   doxygen
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets everything up, builds both platforms and runs every test: natively,
-# under the sanitizers, then the Windows build under Wine. Every stage runs
+# under the sanitizers, the fuzz targets, then the Windows build under Wine. Every stage runs
 # even when an earlier one failed; a summary closes the run, and the exit
 # status is non-zero when any stage failed.
 set -uo pipefail
@@ -61,6 +61,10 @@ tsan_tests() {
   done
   return $rc
 }
+fuzz_build() {
+  bash scripts/build.sh fuzz --target quillon_fuzz_spec quillon_fuzz_text quillon_fuzz_format \
+    quillon_fuzz_status quillon_fuzz_asio_registry quillon_fuzz_dsound_names
+}
 wine_tests() { bash scripts/wine-session.sh bash -c 'cd build/windows && ctest --output-on-failure --timeout 900'; }
 
 stage "native build" bash scripts/build.sh native
@@ -72,6 +76,8 @@ stage "native build with address and undefined-behaviour sanitizers" \
 stage "native tests under the address and undefined-behaviour sanitizers" asan_tests
 stage "native build of the threaded test programs with the thread sanitizer" tsan_build
 stage "threaded test programs under the thread sanitizer" tsan_tests
+stage "fuzz targets, built with clang and the sanitizers" fuzz_build
+stage "fuzz targets, 30 s each from the checked-in corpus" bash scripts/fuzz.sh 30
 stage "windows build" bash scripts/build.sh windows
 stage "windows tests under Wine" wine_tests
 

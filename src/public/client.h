@@ -96,7 +96,7 @@ class CQuillonClient final : public TBoundaryObject<CQuillonClient, IClient>,
   uint32_t watchdogArmedTime_;
   uint8_t watchdogArmed_ = 0;
   uint32_t guardCount_ = 0;
-  uint64_t reserved_ = 0;
+  [[maybe_unused]] uint64_t reserved_ = 0;
 };
 
 }  // namespace NSQuillon2
