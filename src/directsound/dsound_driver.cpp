@@ -231,7 +231,7 @@ void COpenDirectSoundDriver::Run() {
     } catch (...) {
     }
     // The opener's release of the stop mutex is the signal to end.
-    switch (NSFerrand::StopWaitStep(stopMutex_->WaitResult(1))) {
+    switch (NSFerrand::StopWaitStep(stopMutex_->WaitForPeriod(1))) {
       case NSFerrand::kPumpAgain: continue;
       case NSFerrand::kStopAsked: stopMutex_->Unlock(); return;
       case NSFerrand::kWaitBroken: failed_ = true; return;

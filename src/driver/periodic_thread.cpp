@@ -3,6 +3,7 @@
 #include "driver/clock.h"
 #include "failure/builder.h"
 #include "platform/clock.h"
+#include "platform/wait_notice.h"
 
 namespace NSFerrand {
 
@@ -57,13 +58,16 @@ void CPeriodicCallbackThread::Loop() {
     }
     // The wait for the next call is a wait for the stop signal: a stop
     // never waits for a sleep to run out.
-    const NSPlatform::EWaitResult woken = stopMutex_.WaitResult(due - now);
+    const NSPlatform::EWaitResult woken = stopMutex_.WaitForPeriod(due - now);
     if (woken == NSPlatform::kWaitObject || woken == NSPlatform::kWaitAbandoned) {
       stopMutex_.Unlock();
       return;
     }
     // A wait that failed must not turn the loop into a spin.
-    if (woken != NSPlatform::kWaitTimeout) NSPlatform::SleepMilliseconds(due - now);
+    if (woken != NSPlatform::kWaitTimeout) {
+      NSPlatform::CPeriodWait period;
+      NSPlatform::SleepMilliseconds(due - now);
+    }
   }
 }
 

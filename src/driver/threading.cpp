@@ -2,6 +2,7 @@
 
 #include "failure/builder.h"
 #include "platform/clock.h"
+#include "platform/wait_notice.h"
 
 namespace NSFerrand {
 
@@ -49,6 +50,11 @@ EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result) {
 }
 
 NSPlatform::EWaitResult CLockableMutex::WaitResult(uint32_t milliseconds) {
+  return NSPlatform::WaitMutex(mutex_, milliseconds);
+}
+
+NSPlatform::EWaitResult CLockableMutex::WaitForPeriod(uint32_t milliseconds) {
+  NSPlatform::CPeriodWait period;
   return NSPlatform::WaitMutex(mutex_, milliseconds);
 }
 

@@ -27,6 +27,9 @@ class CLockableMutex {
   // One wait of the system, at most that long, telling a time-out from a
   // wait that failed.
   NSPlatform::EWaitResult WaitResult(uint32_t milliseconds);
+  // As WaitResult, for a streaming thread waiting on its stop signal until
+  // its next period: the one wait an audio thread makes, told apart as such.
+  NSPlatform::EWaitResult WaitForPeriod(uint32_t milliseconds);
   // Raises when the caller is not the owner.
   void Unlock();
 

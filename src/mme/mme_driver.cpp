@@ -170,7 +170,7 @@ void COpenMMESoundDriver::Run() {
     } catch (...) {
     }
     // The opener's release of the stop mutex is the signal to end.
-    switch (StopWaitStep(stopMutex_->WaitResult(1))) {
+    switch (StopWaitStep(stopMutex_->WaitForPeriod(1))) {
       case kPumpAgain: continue;
       case kStopAsked: stopMutex_->Unlock(); return;
       case kWaitBroken: failed_ = true; return;

@@ -10,6 +10,7 @@
 #include "failure/builder.h"
 #include "failure/scope.h"
 #include "platform/threads.h"
+#include "platform/wait_notice.h"
 #include "wasapi/wasapi_family.h"
 
 namespace NSWasapi {
@@ -325,7 +326,11 @@ void COpenWasapiSoundDriver::Run() {
   NSPlatform::SRealtimeClass realtime;
   NSPlatform::EnterRealtimeClass(realtime);
   for (;;) {
-    const NSPlatform::EWaitResult woken = api_.WaitEngineEvent(event_, kEventWaitMs);
+    NSPlatform::EWaitResult woken;
+    {
+      NSPlatform::CPeriodWait period;
+      woken = api_.WaitEngineEvent(event_, kEventWaitMs);
+    }
     if (woken == NSPlatform::kWaitFailed) failed_ = true;
     if (woken == NSPlatform::kWaitObject) StreamPump();
     // The opener's release of the stop mutex is the signal to end.

@@ -18,6 +18,7 @@
 #include "failure/exceptions.h"
 #include "fakes/fake_asio.h"
 #include "support/allocation_counter.h"
+#include "support/realtime_watch.h"
 #include "support/storage_fixture.h"
 
 class RecordingRenderer final : public NSFerrand::MSoundRenderer {
@@ -26,16 +27,10 @@ class RecordingRenderer final : public NSFerrand::MSoundRenderer {
                   NSFerrand::CChannelPointers& outputs, uint64_t inputSystemTime,
                   uint64_t inputSamplePosition, uint64_t outputSystemTime,
                   uint64_t outputSamplePosition) override {
-    // On a driver's thread, nothing may have allocated since its last call.
-    struct SSeen {
-      const void* renderer;
-      uint64_t allocations;
-    };
-    thread_local SSeen seen = {nullptr, 0};
-    const uint64_t allocations = AllocationCounter::OnThisThread();
+    // On a driver's thread, nothing may have allocated or waited since its
+    // last call; the priming pass runs on the control thread.
     if (std::this_thread::get_id() != controlThread) {
-      if (seen.renderer == this && allocations != seen.allocations) allocatedWhileRunning = true;
-      seen = {this, allocations};
+      watch.OnRender();
       ++driverThreadCalls;
     }
     ++calls;
@@ -62,7 +57,7 @@ class RecordingRenderer final : public NSFerrand::MSoundRenderer {
   std::atomic<float> firstInput{0.0f};
   std::atomic<bool> raiseNext{false};
   std::atomic<uint64_t> driverThreadCalls{0};
-  std::atomic<bool> allocatedWhileRunning{false};
+  CRealtimeWatch watch;
   const std::thread::id controlThread = std::this_thread::get_id();
   float value = 0.5f;
 };

@@ -13,6 +13,7 @@
 #include "failure/builder.h"
 #include "fakes/fake_dsound.h"
 #include "support/allocation_counter.h"
+#include "support/realtime_watch.h"
 #include "support/storage_fixture.h"
 
 using namespace NSDirectSound;
@@ -26,11 +27,7 @@ class ToneRenderer final : public NSFerrand::MSoundRenderer {
   uint32_t Render(uint32_t frames, const NSFerrand::CChannelPointers& inputs,
                   NSFerrand::CChannelPointers& outputs, uint64_t, uint64_t, uint64_t,
                   uint64_t) override {
-    // On the pump's thread nothing may have allocated since its last call.
-    thread_local uint64_t last = UINT64_MAX;
-    const uint64_t allocations = AllocationCounter::OnThisThread();
-    if (last != UINT64_MAX && allocations != last) allocated = true;
-    last = allocations;
+    watch.OnRender();
     lastFrames = frames;
     totalFrames += frames;
     inputCount = inputs.size();
@@ -47,7 +44,7 @@ class ToneRenderer final : public NSFerrand::MSoundRenderer {
   std::atomic<uint64_t> totalFrames{0};
   std::atomic<size_t> inputCount{9};
   std::atomic<bool> raiseNext{false};
-  std::atomic<bool> allocated{false};
+  CRealtimeWatch watch;
 };
 
 const int kSomeWindow = 0;
@@ -493,12 +490,13 @@ TEST_F(DirectSoundTest, TheCursorFailingFailsTheDriver) {
   ASSERT_TRUE(WaitFor([&] { return open->Failed(); }));
 }
 
-TEST_F(DirectSoundTest, ThePumpAllocatesNothingAtRealTimePace) {
+TEST_F(DirectSoundTest, ThePumpNeitherAllocatesNorWaitsAtRealTimePace) {
   api.realTime = true;
   const CSoundDriverSettings settings = Settings(48000, 512);
   auto open = Open(&settings);
-  ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() > 100; }, 20000));
-  EXPECT_FALSE(renderer.allocated.load());
+  ASSERT_TRUE(WaitFor([&] { return renderer.watch.Watched() > 100; }, 20000));
+  EXPECT_EQ(renderer.watch.Allocations(), 0u);
+  EXPECT_EQ(renderer.watch.BlockingWaits(), 0u);
   EXPECT_FALSE(open->Failed());
 }
 

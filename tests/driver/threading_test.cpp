@@ -2,12 +2,15 @@
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 #include "driver/periodic_thread.h"
 #include "driver/system_sync.h"
 #include "driver/threading.h"
 #include "driver/wait.h"
+#include "platform/clock.h"
 #include "support/allocation_counter.h"
+#include "support/realtime_watch.h"
 #include "support/storage_fixture.h"
 
 using namespace NSFerrand;
@@ -238,25 +241,52 @@ TEST_F(ThreadingTest, ARaisingCallbackEndsTheThreadAndDestructionReturns) {
   delete periodic;
 }
 
-TEST_F(ThreadingTest, ThePeriodicLoopAllocatesNothing) {
-  struct State {
-    std::atomic<int> calls{0};
-    uint64_t atSecond = 0;
-    std::atomic<uint64_t> latest{0};
-  } state;
+TEST_F(ThreadingTest, ThePeriodicLoopNeitherAllocatesNorWaitsButForItsPeriod) {
+  CRealtimeWatch watch;
   auto callback = [](CPeriodicCallbackThread* t) {
-    State* s = static_cast<State*>(t->UserData());
-    const int n = ++s->calls;
-    if (n == 2) s->atSecond = AllocationCounter::OnThisThread();
-    s->latest = AllocationCounter::OnThisThread();
+    static_cast<CRealtimeWatch*>(t->UserData())->OnRender();
   };
   {
-    CPeriodicCallbackThread periodic(1, callback, &state);
-    ASSERT_TRUE(WaitFor([&] { return state.calls.load() >= 100; }));
+    CPeriodicCallbackThread periodic(1, callback, &watch);
+    ASSERT_TRUE(WaitFor([&] { return watch.Watched() >= 100; }));
   }
-  // Between the second call and the last, the thread's own loop (sleeps,
-  // clock reads, stop tests) allocated nothing.
-  EXPECT_EQ(state.latest.load(), state.atSecond);
+  // Between the first call and the last, the thread's own loop (clock
+  // reads, stop tests, its waits for the period) allocated nothing and
+  // waited for nothing else.
+  EXPECT_EQ(watch.Allocations(), 0u);
+  EXPECT_EQ(watch.BlockingWaits(), 0u);
+}
+
+// The watch itself: a lock taken or a sleep between two blocks is seen;
+// the wait for the period is not.
+TEST_F(ThreadingTest, TheRealtimeWatchSeesEveryWaitButThePeriod) {
+  CRealtimeWatch watch;
+  CLockableMutex mutex(false);
+  CSystemEvent event;
+  watch.OnRender();
+  mutex.WaitForPeriod(1);
+  mutex.Unlock();
+  watch.OnRender();
+  EXPECT_EQ(watch.BlockingWaits(), 0u);
+  EXPECT_TRUE(mutex.TryLock());
+  mutex.Unlock();
+  watch.OnRender();
+  EXPECT_EQ(watch.BlockingWaits(), 0u);
+  mutex.Lock();
+  mutex.Unlock();
+  watch.OnRender();
+  EXPECT_EQ(watch.BlockingWaits(), 1u);
+  NSPlatform::SleepMilliseconds(1);
+  EXPECT_TRUE(mutex.TimedLock(5));
+  mutex.Unlock();
+  event.Set();
+  event.Wait();
+  watch.OnRender();
+  EXPECT_EQ(watch.BlockingWaits(), 3u);
+  EXPECT_EQ(watch.Watched(), 4u);
+  std::vector<int> grown(4);
+  watch.OnRender();
+  EXPECT_EQ(watch.Allocations(), 1u);
 }
 
 TEST_F(ThreadingTest, SystemMutexAndEvent) {

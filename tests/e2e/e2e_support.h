@@ -23,6 +23,7 @@
 #include "fakes/fake_wave_out.h"
 #include "public/platform_provider.h"
 #include "quillon/quillon.h"
+#include "support/realtime_watch.h"
 
 using namespace NSQuillon2;
 
@@ -60,6 +61,9 @@ class TestHost final : public IClientHost {
   uint32_t Render(IClient* client, uint32_t frames, const float* const* inputs, int32_t inputCount,
                   const SRenderTiming* inputTiming, float* const* outputs, int32_t outputCount,
                   const SRenderTiming* outputTiming) override {
+    // Two sources of Render (a driver and the silent thread) never overlap.
+    if (inside.fetch_add(1) != 0) ++overlaps;
+    watch.OnRender();
     lastClient = client;
     lastFrames = frames;
     lastInputsNull = inputs == nullptr;
@@ -89,6 +93,7 @@ class TestHost final : public IClientHost {
       const int64_t before = lastRenderMs.exchange(now);
       if (before != 0 && now - before > longestGapMs.load()) longestGapMs = now - before;
     }
+    --inside;
     if (raiseInRender.exchange(false)) throw std::runtime_error("host render");
     return 0;
   }
@@ -130,6 +135,9 @@ class TestHost final : public IClientHost {
   std::atomic<int64_t> longestGapMs{0};
   std::atomic<bool> raiseInRender{false};
   std::atomic<int> lost{0};
+  std::atomic<int> inside{0};
+  std::atomic<uint64_t> overlaps{0};
+  CRealtimeWatch watch;
   SClientSettings lastSettings;
   std::function<void(IClient*)> onLost;
   std::function<void(IClient*)> onSettings;

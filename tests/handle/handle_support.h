@@ -10,6 +10,7 @@
 #include "driver/wait.h"
 #include "fakes/fake_driver.h"
 #include "support/allocation_counter.h"
+#include "support/realtime_watch.h"
 #include "support/storage_fixture.h"
 
 // A renderer that counts blocks, tells silent ones from driven ones, and
@@ -27,6 +28,7 @@ class CountingRenderer final : public NSFerrand::MSoundRenderer {
       const uint64_t n = ++silentBlocks;
       if (n == 1) silentAllocationsAtFirst = allocations;
       silentAllocationsLatest = allocations;
+      silentWatch.OnRender();
     } else {
       ++drivenBlocks;
     }
@@ -49,6 +51,7 @@ class CountingRenderer final : public NSFerrand::MSoundRenderer {
   // block, and to its latest.
   std::atomic<uint64_t> silentAllocationsAtFirst{~uint64_t{0}};
   std::atomic<uint64_t> silentAllocationsLatest{0};
+  CRealtimeWatch silentWatch;
 };
 
 class HandleTest : public StorageTest {

@@ -274,7 +274,7 @@ TEST_F(HandleTest, ClosingInEveryState) {
   EXPECT_EQ(control->openDrivers.load(), 0);
 }
 
-TEST_F(HandleTest, TheSilentThreadAllocatesNothingFromItsFirstBlock) {
+TEST_F(HandleTest, TheSilentThreadNeitherAllocatesNorWaitsFromItsFirstBlock) {
   control->Raise(Fakes::kOpenWithDefaults, 30);
   auto handle = Open(registered, &renderer);
   ASSERT_TRUE(WaitFor([&] { return renderer.silentBlocks.load() >= 6; }));
@@ -283,6 +283,9 @@ TEST_F(HandleTest, TheSilentThreadAllocatesNothingFromItsFirstBlock) {
   // on the thread that started it.
   EXPECT_EQ(renderer.silentAllocationsAtFirst.load(), 0u);
   EXPECT_EQ(renderer.silentAllocationsLatest.load(), 0u);
+  EXPECT_GE(renderer.silentWatch.Watched(), 5u);
+  EXPECT_EQ(renderer.silentWatch.Allocations(), 0u);
+  EXPECT_EQ(renderer.silentWatch.BlockingWaits(), 0u);
 }
 
 TEST_F(HandleTest, SuspensionsComeAndGoWithoutNewFailureTables) {

@@ -11,6 +11,7 @@
 #include "mme/mme_driver.h"
 #include "mme/mme_family.h"
 #include "support/allocation_counter.h"
+#include "support/realtime_watch.h"
 #include "support/storage_fixture.h"
 
 using namespace NSMME;
@@ -22,10 +23,8 @@ class BlockRenderer final : public MSoundRenderer {
  public:
   uint32_t Render(uint32_t frames, const CChannelPointers& inputs, CChannelPointers& outputs,
                   uint64_t, uint64_t, uint64_t, uint64_t) override {
-    const uint64_t allocations = AllocationCounter::OnThisThread();
-    const uint64_t n = ++calls;
-    if (n == 3) allocationsAtThird = allocations;
-    allocationsLatest = allocations;
+    watch.OnRender();
+    ++calls;
     lastFrames = frames;
     if (frames > mostFrames.load()) mostFrames = frames;
     totalFrames += frames;
@@ -45,8 +44,7 @@ class BlockRenderer final : public MSoundRenderer {
   std::atomic<size_t> lastInputs{9};
   std::atomic<size_t> lastOutputs{9};
   std::atomic<bool> raiseNext{false};
-  uint64_t allocationsAtThird = 0;
-  std::atomic<uint64_t> allocationsLatest{0};
+  CRealtimeWatch watch;
 };
 
 class MMETest : public StorageTest {
@@ -347,13 +345,14 @@ TEST_F(MMETest, ClosingWaitsForAStuckDevice) {
   EXPECT_EQ(fake.OpenStreams(), 0u);
 }
 
-TEST_F(MMETest, TheStreamingThreadAllocatesNothing) {
+TEST_F(MMETest, TheStreamingThreadNeitherAllocatesNorWaits) {
   fake.devices.push_back(Fakes::StereoDevice(u"D", {192000}));
   CSoundDriverSettings wanted = Settings(192000, 1024);
   auto driver = Open(0, &wanted);
-  ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() >= 100; }));
+  ASSERT_TRUE(WaitFor([&] { return renderer.watch.Watched() >= 100; }));
   driver.reset();
-  EXPECT_EQ(renderer.allocationsLatest.load(), renderer.allocationsAtThird);
+  EXPECT_EQ(renderer.watch.Allocations(), 0u);
+  EXPECT_EQ(renderer.watch.BlockingWaits(), 0u);
 }
 
 TEST_F(MMETest, AClientOnAFailingDeviceGoesOnSilently) {

@@ -13,6 +13,7 @@
 #include "failure/exceptions.h"
 #include "fakes/fake_wasapi.h"
 #include "support/allocation_counter.h"
+#include "support/realtime_watch.h"
 #include "support/storage_fixture.h"
 #include "wasapi/wasapi_driver.h"
 #include "wasapi/wasapi_family.h"
@@ -23,19 +24,14 @@ using NSFerrand::CSoundDriverSettings;
 
 namespace {
 
-// Writes a known value per channel, records the times it is given and what
-// its own thread allocated between two calls.
+// Writes a known value per channel, records the times it is given, and
+// watches its thread between two calls.
 class ToneRenderer final : public NSFerrand::MSoundRenderer {
  public:
   uint32_t Render(uint32_t frames, const NSFerrand::CChannelPointers& inputs,
                   NSFerrand::CChannelPointers& outputs, uint64_t, uint64_t,
                   uint64_t outputSystemTime, uint64_t outputSamplePosition) override {
-    thread_local const void* seenBy = nullptr;
-    thread_local uint64_t seenAllocations = 0;
-    const uint64_t allocations = AllocationCounter::OnThisThread();
-    if (seenBy == this && allocations != seenAllocations) allocatedWhileRunning = true;
-    seenBy = this;
-    seenAllocations = allocations;
+    watch.OnRender();
     inputCount = inputs.size();
     for (size_t c = 0; c < outputs.size(); ++c) {
       for (uint32_t f = 0; f < frames; ++f) {
@@ -61,7 +57,7 @@ class ToneRenderer final : public NSFerrand::MSoundRenderer {
   std::atomic<uint64_t> calls{0};
   std::atomic<uint32_t> lastFrames{0};
   std::atomic<size_t> inputCount{9};
-  std::atomic<bool> allocatedWhileRunning{false};
+  CRealtimeWatch watch;
   std::atomic<bool> raiseNext{false};
   std::mutex mutex;
   std::vector<uint64_t> positions;
@@ -402,12 +398,13 @@ TEST_F(WasapiTest, HostileSettingsAreReplacedByTheNearestKept) {
   }
 }
 
-TEST_F(WasapiTest, TheEventThreadPlaysAtPaceWithTimesAndAllocatesNothing) {
+TEST_F(WasapiTest, TheEventThreadPlaysAtPaceWithTimesNeitherAllocatingNorWaiting) {
   const CSoundDriverSettings wanted = Settings(48000, 480);
   auto driver = Open(kShareModeShared, &wanted);
-  ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() >= 60; }));
+  ASSERT_TRUE(WaitFor([&] { return renderer.watch.Watched() >= 60; }));
   driver.reset();
-  EXPECT_FALSE(renderer.allocatedWhileRunning.load());
+  EXPECT_EQ(renderer.watch.Allocations(), 0u);
+  EXPECT_EQ(renderer.watch.BlockingWaits(), 0u);
   std::lock_guard<std::mutex> hold(renderer.mutex);
   for (size_t i = 1; i < renderer.positions.size(); ++i) {
     EXPECT_EQ(renderer.positions[i], renderer.positions[i - 1] + 480);

@@ -1,4 +1,5 @@
 #include "platform/clock.h"
+#include "platform/wait_notice.h"
 
 #include <time.h>
 
@@ -21,6 +22,7 @@ uint32_t CoarseMillisecondTicks() {
 }
 
 void SleepMilliseconds(uint32_t milliseconds) {
+  if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   timespec wait = {static_cast<time_t>(milliseconds / 1000),
                    static_cast<long>(milliseconds % 1000) * 1000000L};
   while (nanosleep(&wait, &wait) != 0 && errno == EINTR) {

@@ -1,4 +1,5 @@
 #include "platform/mutex.h"
+#include "platform/wait_notice.h"
 
 #include <pthread.h>
 #include <time.h>
@@ -106,6 +107,7 @@ void DestroyMutex(SMutex* m) {
 
 EWaitResult WaitMutex(SMutex* m, uint32_t milliseconds) {
   if (milliseconds == 0) return FromLockResult(m, pthread_mutex_trylock(&m->mutex));
+  NoticeWait(kNoticeBlockingWait);
   if (milliseconds == kWaitInfinite) return FromLockResult(m, pthread_mutex_lock(&m->mutex));
   const timespec deadline = Deadline(CLOCK_REALTIME, milliseconds);
   return FromLockResult(m, pthread_mutex_timedlock(&m->mutex, &deadline));
@@ -154,6 +156,7 @@ bool ResetEvent(SEvent* e) {
 }
 
 EWaitResult WaitEvent(SEvent* e, uint32_t milliseconds) {
+  if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   const timespec deadline = Deadline(CLOCK_MONOTONIC, milliseconds);
   pthread_mutex_lock(&e->mutex);
   int result = 0;

@@ -1,4 +1,5 @@
 #include "platform/threads.h"
+#include "platform/wait_notice.h"
 
 #include <pthread.h>
 #include <sched.h>
@@ -57,11 +58,13 @@ bool ThreadHasEnded(SThread* thread) { return thread->ended.load(std::memory_ord
 
 void JoinThread(SThread* thread) {
   if (thread->joined) return;
+  NoticeWait(kNoticeBlockingWait);
   pthread_join(thread->handle, nullptr);
   thread->joined = true;
 }
 
 bool JoinThreadFor(SThread* thread, uint32_t milliseconds) {
+  if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   for (uint32_t waited = 0; !ThreadHasEnded(thread); ++waited) {
     if (waited >= milliseconds) return false;
     const timespec pause = {0, 1000000L};

@@ -1,4 +1,5 @@
 #include "platform/clock.h"
+#include "platform/wait_notice.h"
 
 #include <windows.h>
 #include <mmsystem.h>
@@ -9,7 +10,10 @@ uint32_t MillisecondTicks() { return timeGetTime(); }
 
 // timeGetTime is a read of shared memory already.
 uint32_t CoarseMillisecondTicks() { return timeGetTime(); }
-void SleepMilliseconds(uint32_t milliseconds) { Sleep(milliseconds); }
+void SleepMilliseconds(uint32_t milliseconds) {
+  if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
+  Sleep(milliseconds);
+}
 
 double ProcessCpuSeconds() {
   FILETIME created, exited, kernel, user;

@@ -1,4 +1,5 @@
 #include "platform/mutex.h"
+#include "platform/wait_notice.h"
 
 #include <windows.h>
 
@@ -13,6 +14,7 @@ struct SEvent {
 
 namespace {
 EWaitResult Wait(HANDLE handle, uint32_t milliseconds) {
+  if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   switch (WaitForSingleObject(handle, milliseconds)) {
     case WAIT_OBJECT_0: return kWaitObject;
     case WAIT_ABANDONED: return kWaitAbandoned;

@@ -1,4 +1,5 @@
 #include "platform/threads.h"
+#include "platform/wait_notice.h"
 
 #include <windows.h>
 
@@ -36,9 +37,13 @@ bool ThreadHasEnded(SThread* thread) {
   return WaitForSingleObject(thread->handle, 0) == WAIT_OBJECT_0;
 }
 
-void JoinThread(SThread* thread) { WaitForSingleObject(thread->handle, INFINITE); }
+void JoinThread(SThread* thread) {
+  NoticeWait(kNoticeBlockingWait);
+  WaitForSingleObject(thread->handle, INFINITE);
+}
 
 bool JoinThreadFor(SThread* thread, uint32_t milliseconds) {
+  if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   return WaitForSingleObject(thread->handle, milliseconds) == WAIT_OBJECT_0;
 }
 
