@@ -77,6 +77,11 @@ std::vector<std::string> SFakeASIODevice::Log() {
   return log_;
 }
 
+void SFakeASIODevice::ForgetLog() {
+  std::lock_guard<std::mutex> hold(lock_);
+  std::vector<std::string>().swap(log_);
+}
+
 void SFakeASIODevice::Record(const std::string& entry) {
   std::lock_guard<std::mutex> hold(lock_);
   log_.push_back(entry);

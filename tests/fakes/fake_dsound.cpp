@@ -149,6 +149,15 @@ HResult CFakeDirectSound::GetCaps(DSDevice device, SDSCaps* caps) {
   return 0;
 }
 
+void CFakeDirectSound::ForgetReleasedDevices() {
+  std::lock_guard<std::mutex> hold(lock_);
+  std::vector<std::unique_ptr<SDeviceObject>> kept;
+  for (auto& object : deviceObjects_) {
+    if (!object->released) kept.push_back(std::move(object));
+  }
+  deviceObjects_.swap(kept);
+}
+
 uint32_t CFakeDirectSound::ReleaseDevice(DSDevice device) {
   auto* object = static_cast<SDeviceObject*>(device);
   if (!object->released) --liveDevices_;

@@ -65,6 +65,8 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
 
   // Answer `result` on the next `times` calls of that kind (-1: always).
   void Fail(EDSCall call, NSDirectSound::HResult result, int32_t times = -1);
+  // Frees the device objects released by now: long runs measure their memory.
+  void ForgetReleasedDevices();
   uint64_t Calls(EDSCall call) const { return calls_[call].load(); }
   // The open secondary buffer's cursor, in frames.
   void Advance(int32_t frames);

@@ -11,6 +11,9 @@ namespace AllocationCounter {
 uint64_t OnThisThread();
 // Allocations made so far on all threads.
 uint64_t Total();
+// Bytes that operator new gave out and delete has not taken back, on all
+// threads (as the heap counts them, with its rounding).
+int64_t LiveBytes();
 
 // While one lives, operator new on the constructing thread refuses every
 // request above that many bytes with std::bad_alloc, as a full heap would.

@@ -117,6 +117,12 @@ uint32_t Fire(const SEvent& wanted) {
 
 }  // namespace
 
+void ZEPFake_ForgetLog() {
+  SState& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  std::vector<std::string>().swap(state.log);
+}
+
 void ZEPFake_Reset() {
   SState& state = State();
   std::unique_lock<std::mutex> lock(state.mutex);

@@ -50,6 +50,8 @@ ZEP_FAKE_API uint32_t ZEPFake_DeliveredEvents();
 ZEP_FAKE_API uint32_t ZEPFake_LogCount();
 // Copies line `index` with its terminator; the length of the line.
 ZEP_FAKE_API uint32_t ZEPFake_LogLine(uint32_t index, char* text, uint32_t size);
+// Empties the log, keeping everything else: long runs measure their memory.
+ZEP_FAKE_API void ZEPFake_ForgetLog();
 // Copies of the library loaded now.
 ZEP_FAKE_API int32_t ZEPFake_LoadedCopies();
 // Whether ZEP_Create has come without its ZEP_Dispose.
