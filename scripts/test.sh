@@ -41,7 +41,8 @@ fi
 # Programs that start threads, run once more under the thread sanitizer.
 threaded=(quillon_failure_tests quillon_public_tests quillon_driver_tests
   quillon_handle_tests quillon_mme_tests quillon_asio_tests quillon_dsound_tests quillon_e2e_tests
-  quillon_abi_tests quillon_hardware_tests quillon_wasapi_tests quillon_stress_tests)
+  quillon_abi_tests quillon_hardware_tests quillon_wasapi_tests quillon_stress_tests
+  quillon_fault_census)
 
 native_tests() { (cd build/native && ctest --output-on-failure --timeout 300 -j"$(nproc)"); }
 asan_tests() {

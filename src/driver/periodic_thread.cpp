@@ -18,10 +18,7 @@ CPeriodicCallbackThread::CPeriodicCallbackThread(uint32_t periodMs, Callback cal
 }
 
 CPeriodicCallbackThread::~CPeriodicCallbackThread() {
-  try {
-    stopMutex_.Unlock();
-  } catch (...) {
-  }
+  stopMutex_.SignalStop();
   thread_->Join();
   delete thread_;
 }
@@ -44,10 +41,7 @@ void CPeriodicCallbackThread::Loop() {
   for (;;) {
     // The stop is seen between any two calls, also when they are overdue:
     // a callback slower than the period delays a stop by one call at most.
-    if (stopMutex_.TryLock()) {
-      stopMutex_.Unlock();
-      return;
-    }
+    if (stopMutex_.WaitForStop(0) == kStopAsked) return;
     const uint32_t due = lastTick_ + periodMs_;
     const uint32_t now = GetTickCount32();
     if (static_cast<int32_t>(due - now) <= 0) {
@@ -58,13 +52,10 @@ void CPeriodicCallbackThread::Loop() {
     }
     // The wait for the next call is a wait for the stop signal: a stop
     // never waits for a sleep to run out.
-    const NSPlatform::EWaitResult woken = stopMutex_.WaitForPeriod(due - now);
-    if (woken == NSPlatform::kWaitObject || woken == NSPlatform::kWaitAbandoned) {
-      stopMutex_.Unlock();
-      return;
-    }
+    const EStopWaitStep step = stopMutex_.WaitForStop(due - now);
+    if (step == kStopAsked) return;
     // A wait that failed must not turn the loop into a spin.
-    if (woken != NSPlatform::kWaitTimeout) {
+    if (step == kWaitBroken) {
       NSPlatform::CPeriodWait period;
       NSPlatform::SleepMilliseconds(due - now);
     }

@@ -58,6 +58,36 @@ NSPlatform::EWaitResult CLockableMutex::WaitForPeriod(uint32_t milliseconds) {
   return NSPlatform::WaitMutex(mutex_, milliseconds);
 }
 
+void CLockableMutex::SignalStop() {
+  stopSignalled_.store(true, std::memory_order_release);
+  try {
+    Unlock();
+  } catch (...) {
+  }
+}
+
+EStopWaitStep CLockableMutex::WaitForStop(uint32_t milliseconds) {
+  if (stopSignalled_.load(std::memory_order_acquire)) {
+    if (TryLock()) {
+      try {
+        Unlock();
+      } catch (...) {
+      }
+    }
+    return kStopAsked;
+  }
+  const EStopWaitStep step = StopWaitStep(WaitForPeriod(milliseconds));
+  if (step == kStopAsked) {
+    try {
+      Unlock();
+    } catch (...) {
+    }
+    return kStopAsked;
+  }
+  // The flag without the mutex: its release was refused.
+  return stopSignalled_.load(std::memory_order_acquire) ? kStopAsked : step;
+}
+
 void CLockableMutex::Unlock() {
   const uint32_t error = NSPlatform::ReleaseMutex(mutex_);
   if (error != kErrorSuccess) RaiseSystemFailure();
@@ -138,14 +168,18 @@ void CTimedThread::Terminate() {
 bool CTimedThread::Ended() const { return NSPlatform::ThreadHasEnded(thread_); }
 
 void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex) {
-  if (stopMutex != nullptr) {
-    try {
-      stopMutex->Unlock();
-    } catch (...) {
-    }
-  }
+  if (stopMutex != nullptr) stopMutex->SignalStop();
   if (thread != nullptr) {
-    if (!thread->JoinFor(kStreamingStopWaitMs)) thread->Terminate();
+    // A wait the system refuses at once is asked again: only a thread that
+    // has had its time is ended by force.
+    const uint32_t started = NSPlatform::MillisecondTicks();
+    while (!thread->JoinFor(kStreamingStopWaitMs)) {
+      if (NSPlatform::MillisecondTicks() - started >= kStreamingStopWaitMs) {
+        thread->Terminate();
+        break;
+      }
+      NSPlatform::SleepMilliseconds(1);
+    }
     delete thread;
     thread = nullptr;
   }

@@ -12,6 +12,8 @@
 namespace NSFerrand {
 
 // A mutex that only its owner releases. Audio threads only ever try it.
+enum EStopWaitStep : uint32_t;
+
 class CLockableMutex {
  public:
   explicit CLockableMutex(bool initiallyOwned);
@@ -30,11 +32,19 @@ class CLockableMutex {
   // As WaitResult, for a streaming thread waiting on its stop signal until
   // its next period: the one wait an audio thread makes, told apart as such.
   NSPlatform::EWaitResult WaitForPeriod(uint32_t milliseconds);
+  // The opener's stop signal to the thread that waits on this mutex: a
+  // flag the thread reads, and the release that wakes it. A release the
+  // system refuses still stops the thread, at its next period.
+  void SignalStop();
+  // A streaming thread's wait for its next period (0 ms: a look), which the
+  // stop signal ends; a mutex taken for the stop is given back.
+  EStopWaitStep WaitForStop(uint32_t milliseconds);
   // Raises when the caller is not the owner.
   void Unlock();
 
  private:
   NSPlatform::SMutex* mutex_;
+  std::atomic<bool> stopSignalled_{false};
 };
 
 class CScopedLock {
@@ -85,7 +95,7 @@ void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex);
 // What a streaming thread does after its short wait on the stop mutex. A
 // wait that failed would make the loop spin: the thread ends, and its
 // driver reports itself failed, since the stream is no longer kept up.
-enum EStopWaitStep { kPumpAgain, kStopAsked, kWaitBroken };
+enum EStopWaitStep : uint32_t { kPumpAgain, kStopAsked, kWaitBroken };
 EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result);
 
 class IThreadFunction {

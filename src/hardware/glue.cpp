@@ -51,6 +51,9 @@ CGlueImpl::CGlueImpl(IConnectionHandler* connectionHandler, IButtonHandler* butt
         NSMarlet::XIllegalCallSequence("Only one instance of CGlueImpl is allowed at any time!"));
   }
   loader_.reset(new NSPrivate::CScopedZEPLoader(platform));
+  // The way back is found first: a connection once made can always be
+  // given back, whatever the system answers later.
+  Loader().Get<PZEPDispose>(kZEPDispose);
   const PZEPCreate create = Loader().Get<PZEPCreate>(kZEPCreate);
   ThrowByZEPCode(create(1, 0, connectionHandler != nullptr ? &ConnectionTrampoline : nullptr,
                         buttonHandler != nullptr ? &ButtonTrampoline : nullptr, this));
@@ -80,6 +83,8 @@ void CGlueImpl::GetCurrentDeviceNames(std::vector<std::string>& names) {
 
 CSharedDeviceImpl::CSharedDeviceImpl(const CGluePtr& glue, const std::string& name)
     : glue_(glue), name_(name), device_(static_cast<ZEPDevice>(-1)) {
+  // As for the glue: the close is found before the open.
+  glue_->Loader().Get<PZEPDeviceClose>(kZEPDeviceClose);
   ThrowByZEPCode(glue_->Loader().Get<PZEPDeviceOpen>(kZEPDeviceOpen)(name_.c_str(), &device_));
 }
 

@@ -170,9 +170,9 @@ void COpenMMESoundDriver::Run() {
     } catch (...) {
     }
     // The opener's release of the stop mutex is the signal to end.
-    switch (StopWaitStep(stopMutex_->WaitForPeriod(1))) {
+    switch (stopMutex_->WaitForStop(1)) {
       case kPumpAgain: continue;
-      case kStopAsked: stopMutex_->Unlock(); return;
+      case kStopAsked: return;
       case kWaitBroken: failed_ = true; return;
     }
   }

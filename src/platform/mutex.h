@@ -28,7 +28,6 @@ uint32_t ReleaseMutex(SMutex* mutex);
 SEvent* NewEvent(bool manualReset, bool initiallySet);
 void DestroyEvent(SEvent* event);
 bool SetEvent(SEvent* event);
-bool ResetEvent(SEvent* event);
 EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds);
 
 }  // namespace NSPlatform

@@ -334,11 +334,8 @@ void COpenWasapiSoundDriver::Run() {
     if (woken == NSPlatform::kWaitFailed) failed_ = true;
     if (woken == NSPlatform::kWaitObject) StreamPump();
     // The opener's release of the stop mutex is the signal to end.
-    const NSFerrand::EStopWaitStep step = NSFerrand::StopWaitStep(stopMutex_->WaitResult(0));
-    if (step == NSFerrand::kStopAsked) {
-      stopMutex_->Unlock();
-      break;
-    }
+    const NSFerrand::EStopWaitStep step = stopMutex_->WaitForStop(0);
+    if (step == NSFerrand::kStopAsked) break;
     if (step == NSFerrand::kWaitBroken || failed_) {
       failed_ = true;
       break;

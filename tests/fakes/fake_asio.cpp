@@ -108,6 +108,11 @@ CFakeASIODriver::~CFakeASIODriver() {
 }
 
 HResult CFakeASIODriver::QueryInterface(const SGuid& iid, void** object) {
+  ASIOError failure = 0;
+  if (Failing(kAsioQueryInterface, failure)) {
+    *object = nullptr;
+    return static_cast<HResult>(0x80004005u);
+  }
   if (iid == kIIDHardwareIdentity && device_->hasIdentity) {
     AddRef();
     *object = static_cast<IASIOHardwareIdentity*>(this);
@@ -126,6 +131,11 @@ uint32_t CFakeASIODriver::Release() {
 }
 
 HResult CFakeASIODriver::GetHardwareIdentity(char16_t** identity) {
+  ASIOError failure = 0;
+  if (Failing(kAsioHardwareIdentity, failure)) {
+    *identity = nullptr;
+    return static_cast<HResult>(0x80004005u);
+  }
   *identity = CFakeASIOPlatform::AllocString(device_->identity);
   return kHResultOk;
 }
@@ -528,7 +538,10 @@ int32_t CFakeASIOPlatform::RegQueryValueEx(RegistryKey key, const char16_t* valu
 }
 
 int32_t CFakeASIOPlatform::RegCloseKey(RegistryKey) {
+  // The key is gone whatever the answer.
   --openKeys_;
+  int32_t result = 0;
+  if (TakeFailure(kPlatformCloseKey, result)) return result;
   return kRegistryOk;
 }
 

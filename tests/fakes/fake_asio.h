@@ -40,6 +40,8 @@ enum EASIOCall : uint32_t {
   kAsioControlPanel,
   kAsioFuture,
   kAsioOutputReady,
+  kAsioQueryInterface,
+  kAsioHardwareIdentity,
   kAsioCallCount
 };
 
@@ -199,6 +201,7 @@ enum EASIOPlatformCall : uint32_t {
   kPlatformCoUninitialize,
   kPlatformCoCreate,
   kPlatformCreateFile,
+  kPlatformCloseKey,
   kPlatformCallCount
 };
 

@@ -70,9 +70,13 @@ uint32_t CFakeDirectSound::CursorBytes() {
   return static_cast<uint32_t>((frames * 4) % kRingBytes);
 }
 
-DSModule CFakeDirectSound::LoadLibrary(const char*) { return libraryPresent ? this : nullptr; }
+DSModule CFakeDirectSound::LoadLibrary(const char*) {
+  ++libraryLoads;
+  return libraryPresent ? this : nullptr;
+}
 
 DSEntry CFakeDirectSound::GetProcAddress(DSModule, const char* name) {
+  ++entryLookups;
   return missingEntries.count(name) != 0 ? nullptr : this;
 }
 

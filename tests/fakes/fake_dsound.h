@@ -57,6 +57,8 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
 
   bool libraryPresent = true;
   std::set<std::string> missingEntries;
+  std::atomic<uint64_t> libraryLoads{0};
+  std::atomic<uint64_t> entryLookups{0};
   std::vector<SFakeDSDevice> devices;
   // The cursor moves with the clock at the stream's rate; otherwise only
   // by Advance and SetCursor.

@@ -409,6 +409,8 @@ HResult CFakeWasapi::GetClock(WClient client, WClock* clock) {
 void CFakeWasapi::ReleaseClock(WClock) {}
 
 HResult CFakeWasapi::GetClockFrequency(WClock clock, uint64_t* frequency) {
+  HResult failure = 0;
+  if (Failing(kWasClockFrequency, failure)) return failure;
   std::lock_guard<std::mutex> hold(lock_);
   const SClient& c = *static_cast<SClient*>(clock);
   // In bytes per second, as many engines count.
@@ -426,11 +428,17 @@ HResult CFakeWasapi::GetClockPosition(WClock clock, uint64_t* position, uint64_t
   return kHResultOk;
 }
 
-WEvent CFakeWasapi::CreateEngineEvent() { return new int(0); }
+WEvent CFakeWasapi::CreateEngineEvent() {
+  HResult failure = 0;
+  if (Failing(kWasCreateEvent, failure)) return nullptr;
+  return new int(0);
+}
 
 void CFakeWasapi::CloseEngineEvent(WEvent event) { delete static_cast<int*>(event); }
 
 NSPlatform::EWaitResult CFakeWasapi::WaitEngineEvent(WEvent, uint32_t milliseconds) {
+  HResult failure = 0;
+  if (Failing(kWasWaitEvent, failure)) return NSPlatform::kWaitFailed;
   uint32_t period = 10;
   {
     std::lock_guard<std::mutex> hold(lock_);

@@ -44,6 +44,9 @@ enum EWasapiCall : uint32_t {
   kWasReleaseBuffer,
   kWasClock,
   kWasClockPosition,
+  kWasClockFrequency,
+  kWasCreateEvent,
+  kWasWaitEvent,
   kWasCallCount
 };
 

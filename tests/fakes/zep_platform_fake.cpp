@@ -14,6 +14,14 @@ namespace NSTestFakes {
 using NSZEPGlue::CPathText;
 using NSZEPGlue::SystemZEPPlatform;
 
+bool CRedirectedZEPPlatform::Fails(const char* operation) {
+  ++calls[operation];
+  if (failing != operation) return false;
+  ownError_ = true;
+  lastError_ = 2;  // not found
+  return true;
+}
+
 uint32_t CRedirectedZEPPlatform::SetErrorMode(uint32_t mode) {
   errorModes.push_back(mode);
   const uint32_t former = mode_;
@@ -26,7 +34,7 @@ uint32_t CRedirectedZEPPlatform::LastError() {
 }
 
 bool CRedirectedZEPPlatform::LoaderModuleFileName(CPathText& path) {
-  if (failModuleName) return false;
+  if (failModuleName || Fails("LoaderModuleFileName")) return false;
   path = (moduleFolder / "quillon_module").u16string();
   return true;
 }
@@ -39,33 +47,37 @@ const char16_t* CRedirectedZEPPlatform::LibrarySuffix() {
 
 uint32_t CRedirectedZEPPlatform::FileAttributes(const CPathText& path) {
   attributeQueries.push_back(path);
+  if (Fails("FileAttributes")) return 0xFFFFFFFFu;
   ownError_ = false;
   return SystemZEPPlatform().FileAttributes(path);
 }
 
 uint32_t CRedirectedZEPPlatform::FileVersionInfoSize(const CPathText& path) {
+  if (Fails("FileVersionInfoSize")) return 0;
   ownError_ = false;
   return SystemZEPPlatform().FileVersionInfoSize(path);
 }
 
 bool CRedirectedZEPPlatform::FileVersionInfo(const CPathText& path, uint32_t size, void* data) {
-  if (failVersionRead) return false;
+  if (failVersionRead || Fails("FileVersionInfo")) return false;
   return SystemZEPPlatform().FileVersionInfo(path, size, data);
 }
 
 bool CRedirectedZEPPlatform::QueryFixedFileVersion(const void* data, uint32_t size,
                                                    NSZEPGlue::SFixedFileVersion& version) {
-  if (failVersionQuery) return false;
+  if (failVersionQuery || Fails("QueryFixedFileVersion")) return false;
   return SystemZEPPlatform().QueryFixedFileVersion(data, size, version);
 }
 
 bool CRedirectedZEPPlatform::SpecialFolderPath(uint32_t folder, CPathText& path) {
+  if (Fails("SpecialFolderPath")) return false;
   if (commonFolder.empty() || folder != NSZEPGlue::kFolderProgramFilesCommon) return false;
   path = commonFolder;
   return true;
 }
 
 void* CRedirectedZEPPlatform::LoadLibraryFile(const CPathText& path) {
+  if (Fails("LoadLibraryFile")) return nullptr;
   if (loadError != 0) {
     ownError_ = true;
     lastError_ = loadError;
@@ -79,6 +91,7 @@ void* CRedirectedZEPPlatform::LoadLibraryFile(const CPathText& path) {
 
 void* CRedirectedZEPPlatform::GetProcAddress(void* module, const char* name) {
   lookups.push_back(name);
+  if (Fails("GetProcAddress")) return nullptr;
   return SystemZEPPlatform().GetProcAddress(module, name);
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,11 @@ class CRedirectedZEPPlatform final : public NSZEPGlue::IZEPPlatform {
   uint32_t loadError = 0;
   bool failVersionRead = false;
   bool failVersionQuery = false;
+  // The one operation, by its name, that fails every time as the system
+  // would: no file, no record, no folder, no module, no symbol.
+  std::string failing;
+  // Calls of each operation, by its name.
+  std::map<std::string, uint32_t> calls;
 
   // Every mode set, in order.
   std::vector<uint32_t> errorModes;
@@ -54,6 +60,7 @@ class CRedirectedZEPPlatform final : public NSZEPGlue::IZEPPlatform {
   uint32_t mode_ = 0;
   uint32_t lastError_ = 0;
   bool ownError_ = false;
+  bool Fails(const char* operation);
 };
 
 // A fresh folder of its own for one test, removed with the object.

@@ -1,4 +1,5 @@
 #include "platform/mutex.h"
+#include "platform/fault_points.h"
 #include "platform/wait_notice.h"
 
 #include <pthread.h>
@@ -76,6 +77,7 @@ EWaitResult FromLockResult(SMutex* m, int result) {
 }  // namespace
 
 SMutex* NewMutex(bool initiallyOwned) {
+  if (FailNow(kCallNewMutex)) return nullptr;
   SMutex* m = new SMutex;
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
@@ -106,6 +108,7 @@ void DestroyMutex(SMutex* m) {
 }
 
 EWaitResult WaitMutex(SMutex* m, uint32_t milliseconds) {
+  if (FailNow(kCallWaitMutex)) return kWaitFailed;
   if (milliseconds == 0) return FromLockResult(m, pthread_mutex_trylock(&m->mutex));
   NoticeWait(kNoticeBlockingWait);
   if (milliseconds == kWaitInfinite) return FromLockResult(m, pthread_mutex_lock(&m->mutex));
@@ -114,6 +117,7 @@ EWaitResult WaitMutex(SMutex* m, uint32_t milliseconds) {
 }
 
 uint32_t ReleaseMutex(SMutex* m) {
+  if (FailNow(kCallReleaseMutex)) return 6;  // an invalid handle
   if (m->owner.load(std::memory_order_relaxed) != ThisThread()) return kErrorNotOwner;
   if (--m->depth == 0) m->owner.store(0, std::memory_order_relaxed);
   const int result = pthread_mutex_unlock(&m->mutex);
@@ -121,6 +125,7 @@ uint32_t ReleaseMutex(SMutex* m) {
 }
 
 SEvent* NewEvent(bool manualReset, bool initiallySet) {
+  if (FailNow(kCallNewEvent)) return nullptr;
   SEvent* e = new SEvent;
   pthread_mutex_init(&e->mutex, nullptr);
   pthread_condattr_t attributes;
@@ -141,6 +146,7 @@ void DestroyEvent(SEvent* e) {
 }
 
 bool SetEvent(SEvent* e) {
+  if (FailNow(kCallSetEvent)) return false;
   pthread_mutex_lock(&e->mutex);
   e->set = true;
   pthread_cond_broadcast(&e->condition);
@@ -148,14 +154,8 @@ bool SetEvent(SEvent* e) {
   return true;
 }
 
-bool ResetEvent(SEvent* e) {
-  pthread_mutex_lock(&e->mutex);
-  e->set = false;
-  pthread_mutex_unlock(&e->mutex);
-  return true;
-}
-
 EWaitResult WaitEvent(SEvent* e, uint32_t milliseconds) {
+  if (FailNow(kCallWaitEvent)) return kWaitFailed;
   if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   const timespec deadline = Deadline(CLOCK_MONOTONIC, milliseconds);
   pthread_mutex_lock(&e->mutex);

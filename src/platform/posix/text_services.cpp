@@ -1,6 +1,7 @@
 // Code pages from the tables recorded from the system's own conversions, and
 // locale comparison through ICU with character width folded first.
 #include "platform/text_services.h"
+#include "platform/fault_points.h"
 
 #include <unicode/coll.h>
 #include <unicode/locid.h>
@@ -89,6 +90,10 @@ uint32_t AnsiCodePage() { return 1252; }
 
 int32_t MultiByteToWide(uint32_t codePage, uint32_t flags, const char* text, int32_t length,
                         char16_t* out, int32_t capacity, uint32_t* error) {
+  if (FailNow(kCallMultiByteToWide)) {
+    *error = 1113;  // no mapping
+    return 0;
+  }
   *error = 0;
   const SCodePage* page = FindCodePage(codePage);
   if (page == nullptr || text == nullptr || capacity < 0) return Fail(error, kErrorInvalidParameter);
@@ -111,6 +116,10 @@ int32_t MultiByteToWide(uint32_t codePage, uint32_t flags, const char* text, int
 int32_t WideToMultiByte(uint32_t codePage, const char16_t* text, int32_t length, char* out,
                         int32_t capacity, const char* defaultChar, bool* usedDefault,
                         uint32_t* error) {
+  if (FailNow(kCallWideToMultiByte)) {
+    *error = 1113;
+    return 0;
+  }
   *error = 0;
   if (usedDefault != nullptr) *usedDefault = false;
   const SCodePage* page = FindCodePage(codePage);
@@ -142,6 +151,7 @@ int32_t WideToMultiByte(uint32_t codePage, const char16_t* text, int32_t length,
 
 int32_t CompareLocaleText(uint32_t flags, const char16_t* a, int32_t aLength, const char16_t* b,
                           int32_t bLength) {
+  if (FailNow(kCallCompareLocaleText)) return 0;
   const uint32_t known = kCompareIgnoreCase | kCompareStringSort | kCompareIgnoreWidth;
   if ((flags & ~known) != 0 || a == nullptr || b == nullptr || aLength < 0 || bLength < 0) {
     return 0;

@@ -1,4 +1,5 @@
 #include "platform/threads.h"
+#include "platform/fault_points.h"
 #include "platform/wait_notice.h"
 
 #include <pthread.h>
@@ -37,6 +38,7 @@ void* ThreadMain(void* parameter) {
 }  // namespace
 
 SThread* StartThread(ThreadEntry entry, void* context, int32_t priority) {
+  if (FailNow(kCallStartThread)) return nullptr;
   SThread* thread = new SThread;
   thread->entry = entry;
   thread->context = context;
@@ -64,6 +66,7 @@ void JoinThread(SThread* thread) {
 }
 
 bool JoinThreadFor(SThread* thread, uint32_t milliseconds) {
+  if (FailNow(kCallJoinThreadFor)) return false;
   if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   for (uint32_t waited = 0; !ThreadHasEnded(thread); ++waited) {
     if (waited >= milliseconds) return false;
@@ -107,6 +110,7 @@ uint64_t ProcessAffinityMask() {
 }
 
 bool SetThreadAffinity(SThread* thread, int32_t, uint64_t mask) {
+  if (FailNow(kCallSetThreadAffinity)) return false;
   // There is no ideal processor here: the mask alone.
   cpu_set_t set;
   CPU_ZERO(&set);
@@ -117,6 +121,7 @@ bool SetThreadAffinity(SThread* thread, int32_t, uint64_t mask) {
 }
 
 ERealtimeResult EnterRealtimeClass(SRealtimeClass& state) {
+  if (FailNow(kCallEnterRealtimeClass)) return kRealtimeFailed;
   sched_param former = {};
   int policy = 0;
   if (pthread_getschedparam(pthread_self(), &policy, &former) != 0) return kRealtimeUnavailable;

@@ -1,4 +1,5 @@
 #include "platform/window.h"
+#include "platform/fault_points.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -8,6 +9,7 @@
 namespace NSPlatform {
 
 bool IsUsableWindow(void* handle) {
+  if (FailNow(kCallIsUsableWindow)) return false;
   if (handle == nullptr) return false;
   const uintptr_t pageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
   void* page = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(handle) & ~(pageSize - 1));

@@ -1,4 +1,5 @@
 #include "platform/mutex.h"
+#include "platform/fault_points.h"
 #include "platform/wait_notice.h"
 
 #include <windows.h>
@@ -25,6 +26,7 @@ EWaitResult Wait(HANDLE handle, uint32_t milliseconds) {
 }  // namespace
 
 SMutex* NewMutex(bool initiallyOwned) {
+  if (FailNow(kCallNewMutex)) return nullptr;
   HANDLE handle = CreateMutexW(nullptr, initiallyOwned ? TRUE : FALSE, nullptr);
   return handle != nullptr ? new SMutex{handle} : nullptr;
 }
@@ -35,14 +37,19 @@ void DestroyMutex(SMutex* mutex) {
   delete mutex;
 }
 
-EWaitResult WaitMutex(SMutex* mutex, uint32_t milliseconds) { return Wait(mutex->handle, milliseconds); }
+EWaitResult WaitMutex(SMutex* mutex, uint32_t milliseconds) {
+  if (FailNow(kCallWaitMutex)) return kWaitFailed;
+  return Wait(mutex->handle, milliseconds);
+}
 
 uint32_t ReleaseMutex(SMutex* mutex) {
+  if (FailNow(kCallReleaseMutex)) return 6;  // an invalid handle
   if (::ReleaseMutex(mutex->handle)) return 0;
   return GetLastError();
 }
 
 SEvent* NewEvent(bool manualReset, bool initiallySet) {
+  if (FailNow(kCallNewEvent)) return nullptr;
   HANDLE handle = CreateEventW(nullptr, manualReset ? TRUE : FALSE, initiallySet ? TRUE : FALSE,
                                nullptr);
   return handle != nullptr ? new SEvent{handle} : nullptr;
@@ -54,8 +61,13 @@ void DestroyEvent(SEvent* event) {
   delete event;
 }
 
-bool SetEvent(SEvent* event) { return ::SetEvent(event->handle) != FALSE; }
-bool ResetEvent(SEvent* event) { return ::ResetEvent(event->handle) != FALSE; }
-EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds) { return Wait(event->handle, milliseconds); }
+bool SetEvent(SEvent* event) {
+  if (FailNow(kCallSetEvent)) return false;
+  return ::SetEvent(event->handle) != FALSE;
+}
+EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds) {
+  if (FailNow(kCallWaitEvent)) return kWaitFailed;
+  return Wait(event->handle, milliseconds);
+}
 
 }  // namespace NSPlatform

@@ -1,4 +1,5 @@
 #include "platform/threads.h"
+#include "platform/fault_points.h"
 #include "platform/wait_notice.h"
 
 #include <windows.h>
@@ -22,6 +23,7 @@ DWORD WINAPI ThreadMain(LPVOID parameter) {
 }  // namespace
 
 SThread* StartThread(ThreadEntry entry, void* context, int32_t priority) {
+  if (FailNow(kCallStartThread)) return nullptr;
   SThread* thread = new SThread{nullptr, entry, context};
   thread->handle = CreateThread(nullptr, 0, &ThreadMain, thread, CREATE_SUSPENDED, nullptr);
   if (thread->handle == nullptr) {
@@ -43,6 +45,7 @@ void JoinThread(SThread* thread) {
 }
 
 bool JoinThreadFor(SThread* thread, uint32_t milliseconds) {
+  if (FailNow(kCallJoinThreadFor)) return false;
   if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
   return WaitForSingleObject(thread->handle, milliseconds) == WAIT_OBJECT_0;
 }
@@ -56,6 +59,7 @@ void ReleaseThread(SThread* thread) {
 }
 
 bool SetThreadAffinity(SThread* thread, int32_t idealProcessor, uint64_t mask) {
+  if (FailNow(kCallSetThreadAffinity)) return false;
   bool ok = true;
   if (idealProcessor != -1) {
     ok = SetThreadIdealProcessor(thread->handle, static_cast<DWORD>(idealProcessor)) !=
@@ -72,6 +76,7 @@ uint64_t ProcessAffinityMask() {
 }
 
 ERealtimeResult EnterRealtimeClass(SRealtimeClass& state) {
+  if (FailNow(kCallEnterRealtimeClass)) return kRealtimeFailed;
   typedef HANDLE(WINAPI * SetCharacteristics)(LPCWSTR, LPDWORD);
   OSVERSIONINFOEXW version = {};
   version.dwOSVersionInfoSize = sizeof version;  // the extended record, 284 bytes
