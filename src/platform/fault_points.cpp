@@ -12,11 +12,10 @@ struct SFault {
 SFault faults[kPlatformCallCount];
 
 const char* const kNames[kPlatformCallCount] = {
-    "NewMutex",        "WaitMutex",         "ReleaseMutex",       "NewEvent",
-    "SetEvent",        "WaitEvent",         "StartThread",        "JoinThreadFor",
+    "NewMutex",          "WaitMutex",          "ReleaseMutex",     "NewEvent",
+    "SetEvent",          "WaitEvent",          "StartThread",      "JoinThreadFor",
     "SetThreadAffinity", "EnterRealtimeClass", "BeginTimerPeriod", "EndTimerPeriod",
-    "IsUsableWindow",  "OpenModule",        "ModuleSymbol",       "MultiByteToWide",
-    "WideToMultiByte", "CompareLocaleText"};
+    "IsUsableWindow",    "MultiByteToWide",    "WideToMultiByte",  "CompareLocaleText"};
 
 }  // namespace
 

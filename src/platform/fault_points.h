@@ -24,8 +24,6 @@ enum EPlatformCall : uint32_t {
   kCallBeginTimerPeriod,
   kCallEndTimerPeriod,
   kCallIsUsableWindow,
-  kCallOpenModule,
-  kCallModuleSymbol,
   kCallMultiByteToWide,
   kCallWideToMultiByte,
   kCallCompareLocaleText,

@@ -26,8 +26,6 @@ struct SCensusRow {
   // For a call that no client operation reaches: what makes it, once the
   // failure is set (the driver layer's wrappers, as their users would).
   std::function<void(CWorld&)> exercise = nullptr;
-  // Made only where the system has it (Windows' real-time service).
-  bool windowsOnly = false;
 };
 
 struct SNoRow {
