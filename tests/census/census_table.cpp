@@ -13,66 +13,66 @@ constexpr int32_t kEFail = static_cast<int32_t>(0x80004005u);
 std::vector<SCensusRow> rows;
 
 void Add(const std::string& seam, const std::string& call, const std::string& variant,
-         const std::u16string& spec, std::function<void(CWorld&)> inject,
-         std::function<uint64_t(CWorld&)> calls) {
+         const std::u16string& spec, std::function<void(CFakeWorld&)> inject,
+         std::function<uint64_t(CFakeWorld&)> calls) {
   rows.push_back({seam, call, variant, spec, std::move(inject), std::move(calls)});
 }
 
 void WaveOut(const char* call, Fakes::EWaveCall which, uint32_t result, const char* variant = "") {
   Add("IWaveOut", call, variant, u"Fake Out",
-      [=](CWorld& w) { w.waveOut.Fail(which, result); },
-      [=](CWorld& w) { return w.waveOut.Calls(which); });
+      [=](CFakeWorld& w) { w.waveOut.Fail(which, result); },
+      [=](CFakeWorld& w) { return w.waveOut.Calls(which); });
 }
 
 void DirectSound(const char* call, Fakes::EDSCall which) {
   Add("IDirectSoundApi", call, "", u"Primary Sound Driver",
-      [=](CWorld& w) { w.directSound.Fail(which, kEFail); },
-      [=](CWorld& w) { return w.directSound.Calls(which); });
+      [=](CFakeWorld& w) { w.directSound.Fail(which, kEFail); },
+      [=](CFakeWorld& w) { return w.directSound.Calls(which); });
 }
 
 void Wasapi(const char* call, Fakes::EWasapiCall which, const std::u16string& spec = u"Fake Speakers") {
-  Add("IWasapiApi", call, "", spec, [=](CWorld& w) { w.engine.Fail(which, kEFail); },
-      [=](CWorld& w) { return w.engine.Calls(which); });
+  Add("IWasapiApi", call, "", spec, [=](CFakeWorld& w) { w.engine.Fail(which, kEFail); },
+      [=](CFakeWorld& w) { return w.engine.Calls(which); });
 }
 
 void ASIOPlatform(const char* call, Fakes::EASIOPlatformCall which, int32_t result) {
-  Add("IASIOPlatform", call, "", u"Box A", [=](CWorld& w) { w.asio.Fail(which, result); },
-      [=](CWorld& w) { return w.asio.Calls(which); });
+  Add("IASIOPlatform", call, "", u"Box A", [=](CFakeWorld& w) { w.asio.Fail(which, result); },
+      [=](CFakeWorld& w) { return w.asio.Calls(which); });
 }
 
 void ASIODriver(const char* call, Fakes::EASIOCall which) {
   Add("IASIO", call, "", u"Box A",
-      [=](CWorld& w) { w.box->Fail(which, NSASIO::ASE_HWMalfunction); },
-      [=](CWorld& w) { return w.box->Calls(which); });
+      [=](CFakeWorld& w) { w.box->Fail(which, NSASIO::ASE_HWMalfunction); },
+      [=](CFakeWorld& w) { return w.box->Calls(which); });
 }
 
 void Contract(const char* seam, Fakes::EOperation which) {
   Add(seam, Fakes::OperationName(which), "", u"Fake One",
-      [=](CWorld& w) { w.control->Raise(which, 30); },
-      [=](CWorld& w) { return w.control->Calls(which); });
+      [=](CFakeWorld& w) { w.control->Raise(which, 30); },
+      [=](CFakeWorld& w) { return w.control->Calls(which); });
 }
 
 void ZEPOperation(const char* operation) {
   const std::string name(operation);
-  Add("ZEPLib", name, "", u"Box A", [=](CWorld&) { ZEPFake_SetResult(name.c_str(), 1); },
-      [=](CWorld& w) { return w.ZEPCalls(name); });
+  Add("ZEPLib", name, "", u"Box A", [=](CFakeWorld&) { ZEPFake_SetResult(name.c_str(), 1); },
+      [=](CFakeWorld& w) { return w.ZEPCalls(name); });
 }
 
 void ZEPPlatform(const char* call) {
   const std::string name(call);
-  Add("IZEPPlatform", name, "", u"Box A", [=](CWorld& w) { w.zep.failing = name; },
-      [=](CWorld& w) { return static_cast<uint64_t>(w.zep.calls[name]); });
+  Add("IZEPPlatform", name, "", u"Box A", [=](CFakeWorld& w) { w.zep.failing = name; },
+      [=](CFakeWorld& w) { return static_cast<uint64_t>(w.zep.calls[name]); });
 }
 
 void Platform(NSPlatform::EPlatformCall which, const std::u16string& spec) {
   Add("NSPlatform", NSPlatform::PlatformCallName(which), "", spec,
-      [=](CWorld&) { NSPlatform::ArmFault(which, 0, 1); },
-      [=](CWorld&) { return NSPlatform::FaultsTaken(which); });
+      [=](CFakeWorld&) { NSPlatform::ArmFault(which, 0, 1); },
+      [=](CFakeWorld&) { return NSPlatform::FaultsTaken(which); });
 }
 
 // The driver layer's event and thread wrappers, which the failure framework
 // and the hardware glue may use: a refusal raises, and nothing is lost.
-void UseSystemEvent(CWorld&) {
+void UseSystemEvent(CFakeWorld&) {
   try {
     NSFerrand::CSystemEvent event;
     event.Set();
@@ -87,7 +87,7 @@ class CIdleFunction final : public NSFerrand::IThreadFunction {
   void Run() override {}
 };
 
-void UseSystemThread(CWorld&) {
+void UseSystemThread(CFakeWorld&) {
   CIdleFunction function;
   try {
     NSFerrand::CSystemThread thread(&function, NSFerrand::kPriorityNormal, "census");
@@ -99,7 +99,7 @@ void UseSystemThread(CWorld&) {
   }
 }
 
-void UseCodePages(CWorld&) {
+void UseCodePages(CFakeWorld&) {
   try {
     NSTextPackage::WideToSystemCodePage(u"Gr\u00fc\u00dfe", true);
   } catch (const std::exception&) {
@@ -127,11 +127,11 @@ void Build() {
 
   // DirectSound: the library, its entries, the device and its buffer.
   Add("IDirectSoundApi", "LoadLibrary", "", u"Primary Sound Driver",
-      [](CWorld& w) { w.directSound.libraryPresent = false; },
-      [](CWorld& w) { return w.directSound.libraryLoads.load(); });
+      [](CFakeWorld& w) { w.directSound.libraryPresent = false; },
+      [](CFakeWorld& w) { return w.directSound.libraryLoads.load(); });
   Add("IDirectSoundApi", "GetProcAddress", "", u"Primary Sound Driver",
-      [](CWorld& w) { w.directSound.missingEntries.insert("DirectSoundCreate"); },
-      [](CWorld& w) { return w.directSound.entryLookups.load(); });
+      [](CFakeWorld& w) { w.directSound.missingEntries.insert("DirectSoundCreate"); },
+      [](CFakeWorld& w) { return w.directSound.entryLookups.load(); });
   DirectSound("DirectSoundEnumerate", Fakes::kDSEnumerate);
   DirectSound("DirectSoundCreate", Fakes::kDSCreate);
   DirectSound("SetCooperativeLevel", Fakes::kDSCooperativeLevel);
@@ -146,11 +146,11 @@ void Build() {
   DirectSound("GetCurrentPosition", Fakes::kDSGetPosition);
   // Restored only when a lock finds the buffer lost.
   Add("IDirectSoundApi", "Restore", "buffer lost", u"Primary Sound Driver",
-      [](CWorld& w) {
+      [](CFakeWorld& w) {
         w.directSound.Fail(Fakes::kDSLock, static_cast<int32_t>(0x88780096u), 3);
         w.directSound.Fail(Fakes::kDSRestore, kEFail);
       },
-      [](CWorld& w) { return w.directSound.Calls(Fakes::kDSRestore); });
+      [](CFakeWorld& w) { return w.directSound.Calls(Fakes::kDSRestore); });
 
   // The audio engine: COM, the endpoints, the client, the stream, the clock.
   Wasapi("CoInitialize", Fakes::kWasCoInitialize);

@@ -10,22 +10,22 @@
 #include <string>
 #include <vector>
 
-#include "census/census_world.h"
+#include "e2e/fake_world.h"
 
 struct SCensusRow {
   std::string seam;     // the interface, or the platform layer
   std::string call;     // the name it declares
   std::string variant;  // how it fails, when one call fails in more ways
   std::u16string spec;  // the driver the client opens
-  std::function<void(CWorld&)> inject;
+  std::function<void(CFakeWorld&)> inject;
   // How often the call was made so far.
-  std::function<uint64_t(CWorld&)> calls;
+  std::function<uint64_t(CFakeWorld&)> calls;
   // What the system keeps when this call fails, which no caller can free:
   // the leak check leaves it out.
   std::string systemKeeps = "";
   // For a call that no client operation reaches: what makes it, once the
   // failure is set (the driver layer's wrappers, as their users would).
-  std::function<void(CWorld&)> exercise = nullptr;
+  std::function<void(CFakeWorld&)> exercise = nullptr;
 };
 
 struct SNoRow {

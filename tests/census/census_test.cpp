@@ -143,7 +143,7 @@ std::string Exercise(IQuillon* library, IClient* client) {
 }
 
 // Runs the client part of a phase; its trouble, if any.
-std::string Play(CWorld& world, const SCensusRow& row, EPhase phase, IQuillon* library,
+std::string Play(CFakeWorld& world, const SCensusRow& row, EPhase phase, IQuillon* library,
                  uint64_t& callsAtInjection) {
   uint32_t status = 0;
   IVector<const IDriverSpec*>* specs = library->GetDriverSpecs(&status);
@@ -227,7 +227,7 @@ SOutcome RunPhase(const SCensusRow& row, EPhase phase) {
   SOutcome outcome;
   const uint32_t threadsBefore = ProcessStats::Threads();
   {
-    CWorld world;
+    CFakeWorld world;
     uint64_t callsAtInjection = row.calls(world);
     if (phase == kBeforeTheLibrary) row.inject(world);
     SLibraryParams params = {UsableWindow(), kLibraryFlagUseHardware};

@@ -21,15 +21,10 @@
 #include <vector>
 
 #include "e2e/e2e_support.h"
-#include "fakes/fake_asio.h"
-#include "fakes/fake_dsound.h"
-#include "fakes/fake_wasapi.h"
-#include "fakes/fake_wave_out.h"
-#include "fakes/zep_platform_fake.h"
+#include "e2e/fake_world.h"
 #include "support/allocation_counter.h"
 #include "support/process_stats.h"
 #include "support/usable_window.h"
-#include "zep_fake/zep_fake_control.h"
 
 namespace {
 
@@ -73,15 +68,6 @@ class CWatchdog {
   std::thread thread_;
 };
 
-class CountingSink final : public IHardwareEventSink {
- public:
-  uint32_t OnHardwareEvent(uint32_t) override {
-    ++events;
-    return 0;
-  }
-  std::atomic<uint64_t> events{0};
-};
-
 struct SFigures {
   int64_t liveBefore;
   uint64_t memoryBefore;
@@ -94,22 +80,7 @@ struct SFigures {
 class StressTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZEPFake_Reset();
-    ZEPFake_SetDevices("Dev A");
-    ZEPFake_SetChannelCount(8);
-    NSTestFakes::PlaceZEPLibrary("v1_999_999", module.Path(), "ZEPLib");
-    zep.moduleFolder = module.Path();
-    waveOut.devices.push_back(Fakes::StereoDevice(u"Fake Out", {44100, 48000}));
-    box = asio.AddDriver(u"Box A", Fakes::FakeClsidText(1), u"ASIO Box A");
-    box->hasIdentity = true;
-    box->identity = u"Dev A";
-    box->periodMs = 2;
-    registryHold.reset(new NSFerrand::CRegistryRef());
-    control = std::make_shared<Fakes::CFakeDriverControl>();
-    control->renderPeriodMs = 2;
-    ASSERT_TRUE(NSFerrand::AddRegisteredDriver(
-        new Fakes::CFakeRegisteredDriver(control, u"fake-key-1", u"MME", u"Fake One")));
-    SetPlatformProvider(&provider);
+    world.reset(new CFakeWorld());
     const SLibraryParams params = {UsableWindow(), kLibraryFlagUseHardware};
     uint32_t status = 0;
     library = Quillon_Create("IQuillon2", &params, &status);
@@ -128,9 +99,11 @@ class StressTest : public ::testing::Test {
   void TearDown() override {
     QuillonDestroy(specs);
     QuillonDestroy(library);
-    SetPlatformProvider(nullptr);
-    registryHold.reset();
-    ZEPFake_WaitEvents();
+    world.reset();
+  }
+
+  IClient* Create(const IDriverSpec* spec, uint32_t* running, uint32_t* status) {
+    return library->CreateClient(&world->host, &world->sink, spec, running, status);
   }
 
   // Events from the hardware library's own thread, a few at a time.
@@ -146,25 +119,17 @@ class StressTest : public ::testing::Test {
     for (const IDriverSpec* spec : rotation) {
       uint32_t running = 0;
       uint32_t status = 0;
-      IClient* client = library->CreateClient(&host, &sink, spec, &running, &status);
+      IClient* client = Create(spec, &running, &status);
       PostEvents();
       ZEPFake_WaitEvents();
       QuillonDestroy(client);
     }
   }
 
-  // What the fakes keep of the run goes first: only the library's own
-  // memory is measured.
-  void Forget() {
-    ZEPFake_WaitEvents();
-    ZEPFake_ForgetLog();
-    box->ForgetLog();
-    directSound.ForgetReleasedDevices();
-    host.ForgetEvents();
-  }
-
   SFigures Before() {
-    Forget();
+    // What the fakes keep of the run goes first: only the library's own
+    // memory is measured.
+    world->Forget();
     SFigures figures;
     figures.liveBefore = AllocationCounter::LiveBytes();
     figures.memoryBefore = ProcessStats::MemoryBytes();
@@ -180,7 +145,7 @@ class StressTest : public ::testing::Test {
   }
   // Prints the figures, and checks that what the load took it gave back.
   void After(const char* what, int count, const SFigures& figures) {
-    Forget();
+    world->Forget();
     // Threads that were told to end may take a moment to be gone.
     WaitFor([&] { return ProcessStats::Threads() <= figures.threadsBefore; }, 10000);
     const int64_t live = AllocationCounter::LiveBytes();
@@ -215,21 +180,10 @@ class StressTest : public ::testing::Test {
 #endif
   }
 
-  NSTestFakes::CScratchFolder module;
-  NSTestFakes::CRedirectedZEPPlatform zep;
-  Fakes::CFakeWaveOut waveOut;
-  Fakes::CFakeASIOPlatform asio;
-  Fakes::CFakeDirectSound directSound;
-  Fakes::CFakeWasapi engine;
-  SPlatformProvider provider{&waveOut, &asio, &directSound, &zep, &engine};
-  std::shared_ptr<Fakes::SFakeASIODevice> box;
-  std::unique_ptr<NSFerrand::CRegistryRef> registryHold;
-  std::shared_ptr<Fakes::CFakeDriverControl> control;
+  std::unique_ptr<CFakeWorld> world;
   IQuillon* library = nullptr;
   IVector<const IDriverSpec*>* specs = nullptr;
   std::vector<const IDriverSpec*> rotation;
-  TestHost host;
-  CountingSink sink;
 };
 
 TEST_F(StressTest, ClientsMadeAndDestroyedAcrossEveryFamily) {
@@ -241,8 +195,7 @@ TEST_F(StressTest, ClientsMadeAndDestroyedAcrossEveryFamily) {
     if (i % 50 == 0) PostEvents();
     uint32_t running = 0;
     uint32_t status = 0;
-    IClient* client =
-        library->CreateClient(&host, &sink, rotation[i % rotation.size()], &running, &status);
+    IClient* client = Create(rotation[i % rotation.size()], &running, &status);
     ASSERT_NE(client, nullptr) << "cycle " << i << " status " << status;
     ASSERT_EQ(status, kStatusOk);
     if (running != 1) ++notRunning;
@@ -252,8 +205,8 @@ TEST_F(StressTest, ClientsMadeAndDestroyedAcrossEveryFamily) {
   }
   After("create and destroy", kCycles, figures);
   EXPECT_EQ(notRunning, 0);
-  EXPECT_EQ(host.overlaps.load(), 0u);
-  EXPECT_EQ(host.lost.load(), 0);
+  EXPECT_EQ(world->host.overlaps.load(), 0u);
+  EXPECT_EQ(world->host.lost.load(), 0);
   EXPECT_GT(ZEPFake_DeliveredEvents(), 0u);
 }
 
@@ -262,19 +215,19 @@ TEST_F(StressTest, DriverSwitchesAcrossEveryFamilyWhileRendering) {
   uint32_t running = 0;
   uint32_t status = 0;
   WarmUp();
-  IClient* client = library->CreateClient(&host, &sink, rotation[0], &running, &status);
+  IClient* client = Create(rotation[0], &running, &status);
   ASSERT_NE(client, nullptr);
   SFigures figures = Before();
   int notRunning = 0;
   for (int i = 1; i <= kSwitches; ++i) {
     if (i % 10 == 0) PostEvents();
-    const uint64_t blocks = host.drivenBlocks.load();
+    const uint64_t blocks = world->host.drivenBlocks.load();
     ASSERT_EQ(client->SetDriver(rotation[i % rotation.size()], &running), kStatusOk);
     if (running != 1) ++notRunning;
     // Every tenth driver plays before the next switch (the null driver's
     // blocks are 93 ms apart; the others' a few ms).
     if (i % 10 == 0) {
-      EXPECT_TRUE(WaitFor([&] { return host.drivenBlocks.load() > blocks; }));
+      EXPECT_TRUE(WaitFor([&] { return world->host.drivenBlocks.load() > blocks; }));
     }
     ASSERT_EQ(client->Idle(), kStatusOk);
     if (i % 20 == 0) Sample(figures);
@@ -282,9 +235,9 @@ TEST_F(StressTest, DriverSwitchesAcrossEveryFamilyWhileRendering) {
   QuillonDestroy(client);
   After("driver switches", kSwitches, figures);
   EXPECT_EQ(notRunning, 0);
-  EXPECT_EQ(host.overlaps.load(), 0u);
-  EXPECT_EQ(host.lost.load(), 0);
-  EXPECT_GT(host.drivenBlocks.load(), static_cast<uint64_t>(kSwitches / 10));
+  EXPECT_EQ(world->host.overlaps.load(), 0u);
+  EXPECT_EQ(world->host.lost.load(), 0);
+  EXPECT_GT(world->host.drivenBlocks.load(), static_cast<uint64_t>(kSwitches / 10));
 }
 
 TEST_F(StressTest, SuspendAndResumeStormsOnEveryFamily) {
@@ -296,7 +249,7 @@ TEST_F(StressTest, SuspendAndResumeStormsOnEveryFamily) {
   for (const IDriverSpec* spec : rotation) {
     uint32_t running = 0;
     uint32_t status = 0;
-    IClient* client = library->CreateClient(&host, &sink, spec, &running, &status);
+    IClient* client = Create(spec, &running, &status);
     ASSERT_NE(client, nullptr);
     for (int i = 0; i < perDriver; ++i) {
       if (i % 20 == 0) PostEvents();
@@ -308,11 +261,11 @@ TEST_F(StressTest, SuspendAndResumeStormsOnEveryFamily) {
         ASSERT_EQ(client->ResumeDriver(&running), kStatusOk);
       }
       ASSERT_EQ(client->Idle(), kStatusOk);
-      const uint64_t blocks = host.drivenBlocks.load();
+      const uint64_t blocks = world->host.drivenBlocks.load();
       ASSERT_EQ(client->ResumeDriver(&running), kStatusOk);
       if (running != 1) ++notRunning;
       if (i % 10 == 0) {
-        EXPECT_TRUE(WaitFor([&] { return host.drivenBlocks.load() > blocks; }));
+        EXPECT_TRUE(WaitFor([&] { return world->host.drivenBlocks.load() > blocks; }));
       }
       ASSERT_EQ(client->Idle(), kStatusOk);
       if (i % 20 == 0) Sample(figures);
@@ -321,8 +274,8 @@ TEST_F(StressTest, SuspendAndResumeStormsOnEveryFamily) {
   }
   After("suspend and resume", perDriver * static_cast<int>(rotation.size()), figures);
   EXPECT_EQ(notRunning, 0);
-  EXPECT_EQ(host.overlaps.load(), 0u);
-  EXPECT_EQ(host.lost.load(), 0);
+  EXPECT_EQ(world->host.overlaps.load(), 0u);
+  EXPECT_EQ(world->host.lost.load(), 0);
 }
 
 }  // namespace

@@ -1,9 +1,13 @@
-// One world of fakes for one run of the fault census: every family, the
-// hardware library beside the module and a newer copy in the common folder,
-// and a host that counts losses and overlapping renders.
-#ifndef QUILLON_TESTS_CENSUS_WORLD_H
-#define QUILLON_TESTS_CENSUS_WORLD_H
+// A world of fakes with every family in it, for the tests that run the
+// library as a whole: a wave-out device, DirectSound's default device, an
+// ASIO driver naming the connected hardware device, one audio engine
+// endpoint, the fake family's driver, the hardware library beside the
+// module and a newer copy in the common folder, and a host that counts
+// losses and overlapping renders. Made before the library, gone after it.
+#ifndef QUILLON_TESTS_E2E_FAKE_WORLD_H
+#define QUILLON_TESTS_E2E_FAKE_WORLD_H
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -21,12 +25,16 @@
 
 class CountingSink final : public IHardwareEventSink {
  public:
-  uint32_t OnHardwareEvent(uint32_t) override { return 0; }
+  uint32_t OnHardwareEvent(uint32_t) override {
+    ++events;
+    return 0;
+  }
+  std::atomic<uint64_t> events{0};
 };
 
-class CWorld {
+class CFakeWorld {
  public:
-  CWorld() {
+  CFakeWorld() {
     ZEPFake_Reset();
     ZEPFake_SetDevices("Dev A");
     ZEPFake_SetChannelCount(8);
@@ -50,14 +58,14 @@ class CWorld {
         new Fakes::CFakeRegisteredDriver(control, u"fake-key-1", u"MME", u"Fake One"));
     SetPlatformProvider(&provider);
   }
-  ~CWorld() {
+  ~CFakeWorld() {
     NSPlatform::DisarmFaults();
     SetPlatformProvider(nullptr);
     registry.reset();
     ZEPFake_WaitEvents();
   }
-  CWorld(const CWorld&) = delete;
-  CWorld& operator=(const CWorld&) = delete;
+  CFakeWorld(const CFakeWorld&) = delete;
+  CFakeWorld& operator=(const CFakeWorld&) = delete;
 
   // Calls of the hardware library's operation so far, by its name.
   uint64_t ZEPCalls(const std::string& operation) {
