@@ -9,6 +9,7 @@
 #include "driver/clock.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
+#include "platform/clock.h"
 #include "text/code_conversions.h"
 #include "text/number_text.h"
 
@@ -24,6 +25,8 @@ namespace {
 
 constexpr int32_t kMaxClockSources = 100;
 constexpr uint32_t kRateCheckMs = 3000;
+// How long a refused wait for the run lock is asked again, as any handover.
+constexpr uint32_t kRunLockRetryMs = 5000;
 
 [[noreturn]] void RaiseOpen() { RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver()); }
 [[noreturn]] void RaiseException() { RaiseFailure(std::exception()); }
@@ -350,9 +353,16 @@ void CASIODriverHost::StartStreaming() {
 void CASIODriverHost::StopAndRelease() {
   resetRequested_ = false;
   if (!stopped_) {
-    // A driver's thread inside a render holds the lock until it returns.
-    const NSPlatform::EWaitResult wait = runLock_.WaitResult(NSPlatform::kWaitInfinite);
-    if (wait != NSPlatform::kWaitObject && wait != NSPlatform::kWaitAbandoned) return;
+    // A driver's thread inside a render holds the lock until it returns. A
+    // wait the system refuses is asked again for as long as a handover may
+    // take: a host left half released would keep its driver calling in.
+    const uint32_t started = NSPlatform::MillisecondTicks();
+    for (;;) {
+      const NSPlatform::EWaitResult wait = runLock_.WaitResult(NSPlatform::kWaitInfinite);
+      if (wait == NSPlatform::kWaitObject || wait == NSPlatform::kWaitAbandoned) break;
+      if (NSPlatform::MillisecondTicks() - started >= kRunLockRetryMs) break;
+      NSPlatform::SleepMilliseconds(1);
+    }
     stopped_ = true;
   }
   CASIODriverHost* self = this;
