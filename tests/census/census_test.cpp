@@ -1,11 +1,12 @@
-// The fault census run: each row's call is made to fail once before the
-// library is made and once while a client plays, and each time the client
-// must survive it: a status or silence, OnDriverLost at most once for each
-// driver it had open, Render never from two threads at once, Idle
-// answering success at the end, nothing lost (the heap the library took
-// while the client lived, the fakes' keys, strings, streams, devices and
-// loaded copies, the threads), and the call must have been made while it
-// failed. The run prints the table and its count.
+// The fault census run: each row's call is made to fail (every time for a
+// fake's call, once for a platform call) before the library is made, and
+// again while a client plays; each time the client must survive it: a
+// status or silence, OnDriverLost at most once for each driver it had open,
+// Render never from two threads at once, Idle answering success at the end,
+// nothing lost (the heap, while the client lived and once the library is
+// gone; the fakes' keys, strings, streams, devices and loaded copies; the
+// threads), and the call made while it failed. The run prints the table and
+// its count.
 #include <gtest/gtest.h>
 
 #include <chrono>
