@@ -9,7 +9,6 @@
 #include "driver/clock.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
-#include "platform/clock.h"
 #include "text/code_conversions.h"
 #include "text/number_text.h"
 
@@ -356,13 +355,10 @@ void CASIODriverHost::StopAndRelease() {
     // A driver's thread inside a render holds the lock until it returns. A
     // wait the system refuses is asked again for as long as a handover may
     // take: a host left half released would keep its driver calling in.
-    const uint32_t started = NSPlatform::MillisecondTicks();
-    for (;;) {
+    NSFerrand::TryFor(kRunLockRetryMs, [this] {
       const NSPlatform::EWaitResult wait = runLock_.WaitResult(NSPlatform::kWaitInfinite);
-      if (wait == NSPlatform::kWaitObject || wait == NSPlatform::kWaitAbandoned) break;
-      if (NSPlatform::MillisecondTicks() - started >= kRunLockRetryMs) break;
-      NSPlatform::SleepMilliseconds(1);
-    }
+      return wait == NSPlatform::kWaitObject || wait == NSPlatform::kWaitAbandoned;
+    });
     stopped_ = true;
   }
   CASIODriverHost* self = this;

@@ -31,13 +31,7 @@ bool CLockableMutex::TryLock() {
 void CLockableMutex::Lock() { NSPlatform::WaitMutex(mutex_, NSPlatform::kWaitInfinite); }
 
 bool CLockableMutex::TimedLock(uint32_t milliseconds) {
-  if (TryLock()) return true;
-  const uint32_t deadline = NSPlatform::MillisecondTicks() + milliseconds;
-  for (;;) {
-    if (static_cast<int32_t>(deadline - NSPlatform::MillisecondTicks()) <= 0) return false;
-    if (TryLock()) return true;
-    NSPlatform::SleepMilliseconds(1);
-  }
+  return TryFor(milliseconds, [this] { return TryLock(); });
 }
 
 EStopWaitStep StopWaitStep(NSPlatform::EWaitResult result) {
@@ -172,13 +166,8 @@ void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex) {
   if (thread != nullptr) {
     // A wait the system refuses at once is asked again: only a thread that
     // has had its time is ended by force.
-    const uint32_t started = NSPlatform::MillisecondTicks();
-    while (!thread->JoinFor(kStreamingStopWaitMs)) {
-      if (NSPlatform::MillisecondTicks() - started >= kStreamingStopWaitMs) {
-        thread->Terminate();
-        break;
-      }
-      NSPlatform::SleepMilliseconds(1);
+    if (!TryFor(kStreamingStopWaitMs, [thread] { return thread->JoinFor(kStreamingStopWaitMs); })) {
+      thread->Terminate();
     }
     delete thread;
     thread = nullptr;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/clock.h"
 #include "platform/mutex.h"
 #include "platform/threads.h"
 
@@ -84,6 +85,19 @@ class CTryScopedLock {
 };
 
 class CTimedThread;
+
+// Tries until the attempt succeeds or the time is over, a millisecond apart;
+// 0 ms is one try. For locks that are only tried, and for waits that the
+// system may refuse at once.
+template <class Attempt>
+bool TryFor(uint32_t milliseconds, Attempt attempt) {
+  const uint32_t started = NSPlatform::MillisecondTicks();
+  for (;;) {
+    if (attempt()) return true;
+    if (NSPlatform::MillisecondTicks() - started >= milliseconds) return false;
+    NSPlatform::SleepMilliseconds(1);
+  }
+}
 
 // How long a streaming thread has to end after its stop signal.
 constexpr uint32_t kStreamingStopWaitMs = 4000;
