@@ -119,7 +119,9 @@ const SStatusRange& ZEPCodeRange() { return kZEPCodeRange; }
 
 void ThrowByZEPCode(ZEPResult code) {
   if (code == kZEPSuccess) return;
-  NSMarlet::ThrowFromStatus(code, kZEPCodeRange, kZEPCodeTable, CSourcePosition());
+  // A computed code is unpacked, so the failure that made it is raised again
+  // with its class and word: a catch of XOpen sees a computed XOpen too.
+  NSMarlet::ThrowFromStatusDecoded(code, kZEPCodeRange, kZEPCodeTable, CSourcePosition());
 }
 
 ZEPResult ZEPCodeFromCurrentFailure() {

@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "hardware/zep_loader.h"
+#include "public/status.h"
 #include "hardware_support.h"
 
 using namespace NSZEPGlue;
@@ -314,6 +315,45 @@ TEST_F(LoaderTest, ResultCodesRaiseTheirFailures) {
   }
   EXPECT_EQ(back, computed);
   EXPECT_TRUE(FailureOf([] { ThrowByZEPCode(500); }).raised);
+}
+
+// A computed code is the failure that made it, unpacked: its class, code and
+// word, and so its place in the host's table of statuses.
+TEST_F(LoaderTest, AComputedCodeIsRaisedAsTheFailureThatMadeIt) {
+  const ZEPResult notFound = kZEPCodeBase + PackFailure(kFailureCode_RuntimeError_NotFound, "dll",
+                                                        ProgramTargetWords());
+  const SFailureSeen seen = FailureOf([&] { ThrowByZEPCode(notFound); });
+  EXPECT_EQ(seen.code, kFailureCode_RuntimeError_NotFound);
+  EXPECT_EQ(seen.word, "dll");
+
+  // A computed XOpen is caught as one.
+  const ZEPResult open =
+      kZEPCodeBase + PackFailure(kFailureCode_RuntimeError_Open, "", ProgramTargetWords());
+  bool caughtAsOpen = false;
+  try {
+    ThrowByZEPCode(open);
+  } catch (const XOpen&) {
+    caughtAsOpen = true;
+  } catch (...) {
+  }
+  EXPECT_TRUE(caughtAsOpen);
+
+  // At the public boundary: a computed illegal call sequence is the fixed
+  // status of its class, and a code that packs nothing is a bare exception.
+  auto statusOf = [](ZEPResult code) -> uint32_t {
+    try {
+      ThrowByZEPCode(code);
+    } catch (...) {
+      return NSQuillon2::StatusFromCurrentFailure();
+    }
+    return NSQuillon2::kStatusOk;
+  };
+  const ZEPResult illegal = kZEPCodeBase + PackFailure(kFailureCode_LogicError_IllegalCallSequence,
+                                                       "", ProgramTargetWords());
+  EXPECT_EQ(statusOf(illegal), 995u);
+  EXPECT_EQ(statusOf(kZEPCodeBase + 12), 117540698u);
+  const SFailureSeen unpacked = FailureOf([&] { ThrowByZEPCode(kZEPCodeBase + 12); });
+  EXPECT_EQ(unpacked.code, kFailureCode_Exception);
 }
 
 TEST_F(LoaderTest, FailuresGiveTheirCodes) {
