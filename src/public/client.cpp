@@ -92,6 +92,7 @@ CQuillonClient::~CQuillonClient() {
 template <class Work>
 uint32_t CQuillonClient::Guarded(Work work) {
   if (guardCount_ != 0) return kStatusNotReady;
+  uint32_t status = kStatusOk;
   try {
     NSMarlet::CFailureScope scope;
     ++guardCount_;
@@ -102,10 +103,11 @@ uint32_t CQuillonClient::Guarded(Work work) {
       throw;
     }
     --guardCount_;
-    return kStatusOk;
   } catch (...) {
-    return StatusFromCurrentFailure();
+    status = StatusFromCurrentFailure();
   }
+  FollowDevice();
+  return status;
 }
 
 template <class Result, class Work>
@@ -118,12 +120,25 @@ Result* CQuillonClient::GuardedResult(uint32_t* status, Work work) {
 
 template <class Work>
 uint32_t CQuillonClient::Unguarded(Work work) {
+  uint32_t status = kStatusOk;
   try {
     NSMarlet::CFailureScope scope;
     work();
-    return kStatusOk;
   } catch (...) {
-    return StatusFromCurrentFailure();
+    status = StatusFromCurrentFailure();
+  }
+  FollowDevice();
+  return status;
+}
+
+void CQuillonClient::FollowDevice() {
+  CZEPLibHandler* handler = library_->HardwareHandler();
+  if (handler == nullptr || handle_ == nullptr) return;
+  try {
+    NSMarlet::COptionalFailureScope scope;
+    handler->SetBoundDevice(handle_->GetHardwareDevice());
+  } catch (...) {
+    // The binding stays as it was; the client's next call tries again.
   }
 }
 
@@ -132,16 +147,13 @@ void* CQuillonClient::HardwareContext() const {
   return handler != nullptr ? handler->GetGlue() : nullptr;
 }
 
-void CQuillonClient::ReportRunning(uint32_t* running, bool bindDevice) {
+void CQuillonClient::ReportRunning(uint32_t* running) {
   if (handle_->IsDriverLost()) {
     Put(running, 0u);
     lostReported_ = 1;
   } else {
     Put(running, 1u);
     lostReported_ = 0;
-    if (bindDevice && library_->HardwareHandler() != nullptr) {
-      library_->HardwareHandler()->SetBoundDevice(handle_->GetHardwareDevice());
-    }
   }
 }
 
@@ -152,7 +164,7 @@ uint32_t CQuillonClient::SetDriver(const IDriverSpec* spec, uint32_t* running) {
     if (status != kStatusOk) ThrowFromStatus(status);
     lostReported_ = 0;
     SwallowingLostDriver([&] { handle_->SwitchDriver(driver, HardwareContext()); });
-    ReportRunning(running, true);
+    ReportRunning(running);
   });
 }
 
@@ -168,7 +180,7 @@ uint32_t CQuillonClient::SetDriverWithSettings(const IDriverSpec* spec,
     const CSoundDriverSettings wanted = MakeDriverSettings(*settings);
     SwallowingLostDriver(
         [&] { handle_->SwitchDriverWithSettings(driver, wanted, HardwareContext()); });
-    ReportRunning(running, true);
+    ReportRunning(running);
   });
 }
 
@@ -226,7 +238,7 @@ uint32_t CQuillonClient::ApplyClientSettings(const SClientSettings* settings, ui
     MergeClientSettings(*settings, inForce);
     lostReported_ = 0;
     SwallowingLostDriver([&] { handle_->ApplyDriverSettings(inForce); });
-    ReportRunning(running, false);
+    ReportRunning(running);
   });
 }
 
@@ -273,6 +285,13 @@ NSZEPGlue::CSharedDeviceImpl& CQuillonClient::RequiredDevice() {
   return *device;
 }
 
+NSZEPGlue::CSharedDeviceImpl& CQuillonClient::DeviceForChannel(uint32_t channel,
+                                                               uint32_t& mapped) {
+  RequiredDevice();
+  mapped = MapActiveChannel(channel);
+  return RequiredDevice();
+}
+
 uint32_t CQuillonClient::MapActiveChannel(uint32_t channel) {
   CSoundDriverSettings inForce;
   handle_->ReadDriverSettings(inForce);
@@ -289,23 +308,26 @@ uint32_t CQuillonClient::MapActiveChannel(uint32_t channel) {
 uint32_t CQuillonClient::GetGainSafePaddedChannel(uint32_t channel, int32_t* padded) {
   return Unguarded([&] {
     if (padded == nullptr) RaiseInvalidArgument();
-    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
-    *padded = static_cast<int32_t>(device.GetGainSafePaddedChannel(MapActiveChannel(channel)));
+    uint32_t mapped = 0;
+    NSZEPGlue::CSharedDeviceImpl& device = DeviceForChannel(channel, mapped);
+    *padded = static_cast<int32_t>(device.GetGainSafePaddedChannel(mapped));
   });
 }
 
 uint32_t CQuillonClient::GetGainSafePaddingDb(uint32_t channel, float* paddingDb) {
   return Unguarded([&] {
     if (paddingDb == nullptr) RaiseInvalidArgument();
-    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
-    *paddingDb = device.GetGainSafePaddingDb(MapActiveChannel(channel));
+    uint32_t mapped = 0;
+    NSZEPGlue::CSharedDeviceImpl& device = DeviceForChannel(channel, mapped);
+    *paddingDb = device.GetGainSafePaddingDb(mapped);
   });
 }
 
 uint32_t CQuillonClient::SetGainSafeRoutingEnable(uint32_t channel, uint32_t enable) {
   return Unguarded([&] {
-    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
-    device.SetGainSafeRoutingEnable(MapActiveChannel(channel), enable != 0);
+    uint32_t mapped = 0;
+    NSZEPGlue::CSharedDeviceImpl& device = DeviceForChannel(channel, mapped);
+    device.SetGainSafeRoutingEnable(mapped, enable != 0);
   });
 }
 
@@ -321,8 +343,9 @@ uint32_t CQuillonClient::SetGainSafeIndicator(uint32_t selector) {
 
 uint32_t CQuillonClient::SetChannelActiveIndicator(uint32_t channel, uint32_t active) {
   return Unguarded([&] {
-    NSZEPGlue::CSharedDeviceImpl& device = RequiredDevice();
-    device.SetChannelActiveIndicator(MapActiveChannel(channel), active != 0);
+    uint32_t mapped = 0;
+    NSZEPGlue::CSharedDeviceImpl& device = DeviceForChannel(channel, mapped);
+    device.SetChannelActiveIndicator(mapped, active != 0);
   });
 }
 
@@ -337,7 +360,7 @@ uint32_t CQuillonClient::SuspendDriver() {
 uint32_t CQuillonClient::ResumeDriver(uint32_t* running) {
   return Guarded([&] {
     handle_->ResumeDriver(HardwareContext());
-    ReportRunning(running, true);
+    ReportRunning(running);
   });
 }
 
@@ -416,6 +439,7 @@ uint32_t CQuillonClient::Idle() {
       throw;
     }
     --guardCount_;
+    FollowDevice();
     // Outside the guard: the host may call back into the client from here.
     if (settingsChanged) host_->OnSettingsChanged(this, &settings);
     if (listChanged) host_->OnDriverListChanged(this);
@@ -425,7 +449,9 @@ uint32_t CQuillonClient::Idle() {
     }
     return kStatusOk;
   } catch (...) {
-    return StatusFromCurrentFailure();
+    const uint32_t status = StatusFromCurrentFailure();
+    FollowDevice();
+    return status;
   }
 }
 

@@ -76,9 +76,12 @@ class CQuillonClient final : public TBoundaryObject<CQuillonClient, IClient>,
   // A failure scope and status, without the guard.
   template <class Work>
   uint32_t Unguarded(Work work);
-  // Reports a driver (re)start in `running` and lostReported; with
-  // `bindDevice`, tells the hardware handler the device of the new driver.
-  void ReportRunning(uint32_t* running, bool bindDevice);
+  // Reports a driver (re)start in `running` and lostReported.
+  void ReportRunning(uint32_t* running);
+  // Binds the device of the driver in use, or none while the client is
+  // silent, so that buttons reach the host only from a device that plays.
+  // Called after every operation; a refusal leaves the binding until the next.
+  void FollowDevice();
   // The hardware context for opening a driver: the handler's glue, or null.
   void* HardwareContext() const;
   // Idle's share of the hardware: one connection change per call.
@@ -86,6 +89,9 @@ class CQuillonClient final : public TBoundaryObject<CQuillonClient, IClient>,
   // The host's input channel number as the device counts its channels.
   uint32_t MapActiveChannel(uint32_t channel);
   NSZEPGlue::CSharedDeviceImpl& RequiredDevice();
+  // The device, checked first, and the mapped channel: the device is asked
+  // for again after the mapping, which can lose the driver and its device.
+  NSZEPGlue::CSharedDeviceImpl& DeviceForChannel(uint32_t channel, uint32_t& mapped);
   void RunWatchdog();
 
   CQuillonImpl* library_;

@@ -24,6 +24,8 @@ void CZEPLibHandler::SetButtonContext(IHardwareEventSink* context) {
 
 void CZEPLibHandler::SetBoundDevice(NSZEPGlue::CSharedDeviceImpl* device) {
   const NSZEPGlue::ZEPDevice handle = device != nullptr ? device->GetDeviceHandle() : 0;
+  // Only this thread writes the binding, so it reads it without the lock.
+  if (handle == boundDevice_) return;
   NSFerrand::CScopedLock hold(&lock_);
   boundDevice_ = handle;
 }

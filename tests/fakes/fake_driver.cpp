@@ -78,14 +78,14 @@ CABCOpenSoundDriver* CFakeRegisteredDriver::OpenWithSettings(const CSoundDriverS
     std::lock_guard<std::mutex> lock(control_->lock);
     control_->settings = settings;
   }
-  return new CFakeOpenSoundDriver(control_, renderer);
+  return new CFakeOpenSoundDriver(control_, renderer, hardwareContext);
 }
 
 CABCOpenSoundDriver* CFakeRegisteredDriver::OpenWithDefaults(MSoundRenderer* renderer,
                                                              void* hardwareContext) {
   lastHardwareContext = hardwareContext;
   control_->Enter(kOpenWithDefaults);
-  return new CFakeOpenSoundDriver(control_, renderer);
+  return new CFakeOpenSoundDriver(control_, renderer, hardwareContext);
 }
 
 CRegisteredSoundDriverInfo& CFakeRegisteredDriver::GetInfo(CRegisteredSoundDriverInfo& info) {
@@ -100,8 +100,12 @@ CRegisteredSoundDriverInfo& CFakeRegisteredDriver::GetInfo(CRegisteredSoundDrive
 }
 
 CFakeOpenSoundDriver::CFakeOpenSoundDriver(std::shared_ptr<CFakeDriverControl> control,
-                                           MSoundRenderer* renderer)
+                                           MSoundRenderer* renderer, void* hardwareContext)
     : control_(std::move(control)), renderer_(renderer) {
+  if (hardwareContext != nullptr && !control_->hardwareDevice.empty()) {
+    const NSZEPGlue::CGluePtr& glue = *static_cast<NSZEPGlue::CGluePtr*>(hardwareContext);
+    if (glue) device_.reset(new NSZEPGlue::CSharedDeviceImpl(glue, control_->hardwareDevice));
+  }
   BuildBuffers();
   ++control_->openDrivers;
   ++control_->opened;
@@ -221,12 +225,12 @@ bool CFakeOpenSoundDriver::HasControlPanel() {
 
 bool CFakeOpenSoundDriver::HasHardwareDevice() {
   control_->Enter(kHasHardwareDevice);
-  return false;
+  return device_ != nullptr;
 }
 
 CHardwareDevice* CFakeOpenSoundDriver::GetHardwareDevice() {
   control_->Enter(kGetHardwareDevice);
-  return nullptr;
+  return device_.get();
 }
 
 bool CFakeOpenSoundDriver::ShowControlPanel() {

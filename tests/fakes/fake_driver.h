@@ -9,10 +9,12 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "driver/driver_contract.h"
+#include "hardware/glue.h"
 
 namespace Fakes {
 
@@ -73,6 +75,9 @@ class CFakeDriverControl {
   bool canMonitor = false;
   bool hasPanel = false;
   bool settingsChanged = false;
+  // The hardware device an open driver names, when the host asked for the
+  // hardware library: opened through the glue as a real family opens it.
+  std::string hardwareDevice;
 
   // Rendering: pace in ms per block, and a switch that stops the thread's
   // calls while it runs on.
@@ -119,7 +124,7 @@ class CFakeRegisteredDriver final : public NSFerrand::CABCRegisteredSoundDriver 
 class CFakeOpenSoundDriver final : public NSFerrand::CABCOpenSoundDriver {
  public:
   CFakeOpenSoundDriver(std::shared_ptr<CFakeDriverControl> control,
-                       NSFerrand::MSoundRenderer* renderer);
+                       NSFerrand::MSoundRenderer* renderer, void* hardwareContext = nullptr);
   ~CFakeOpenSoundDriver() override;
 
   NSFerrand::CSoundDriverSettings& GetSettings(NSFerrand::CSoundDriverSettings& settings) override;
@@ -143,6 +148,7 @@ class CFakeOpenSoundDriver final : public NSFerrand::CABCOpenSoundDriver {
 
   std::shared_ptr<CFakeDriverControl> control_;
   NSFerrand::MSoundRenderer* renderer_;
+  NSZEPGlue::CSharedDevicePtr device_;
   std::vector<std::vector<float>> buffers_;
   NSFerrand::CChannelPointers inputs_;
   NSFerrand::CChannelPointers outputs_;
