@@ -19,9 +19,14 @@ CInternalSoundDriverRegistry& Registry() {
   return *gRegistry;
 }
 
-// Only the registry deletes what it owns.
+// Only the registry deletes what it owns, and it owns a driver only once
+// the driver is in the list: a wrapping that fails for want of memory calls
+// a deleter that does not own yet, and the caller deletes its driver.
 struct SOwner {
-  void operator()(CABCRegisteredSoundDriver* driver) const { delete driver; }
+  bool owns = false;
+  void operator()(CABCRegisteredSoundDriver* driver) const {
+    if (owns) delete driver;
+  }
 };
 
 }  // namespace
@@ -46,8 +51,11 @@ bool CInternalSoundDriverRegistry::Add(CABCRegisteredSoundDriver* driver) {
     CRegisteredSoundDriverInfo existing;
     if (entry->GetInfo(existing).key == key) return false;
   }
-  // A failure while wrapping deletes the driver on the way out.
-  drivers_.push_back(CRegisteredDriverPtr(driver, SOwner()));
+  drivers_.reserve(drivers_.size() + 1);
+  const CRegisteredDriverPtr entry(driver, SOwner());
+  // Copying a pointer into reserved room cannot fail.
+  drivers_.push_back(entry);
+  if (SOwner* owner = boost::get_deleter<SOwner>(entry)) owner->owns = true;
   changed_.store(1);
   return true;
 }

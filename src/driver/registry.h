@@ -48,7 +48,8 @@ class CRegistryRef {
 };
 
 // These need a CRegistryRef to exist. True: the registry owns the driver.
-// False: its key is known already, and the caller still owns it.
+// False: its key is known already, and the caller still owns it. A failure
+// (of GetInfo, the lock or memory) passes out with the driver still the caller's.
 bool AddRegisteredDriver(CABCRegisteredSoundDriver* driver);
 // A driver not in the list is ignored.
 void RemoveRegisteredDriver(CABCRegisteredSoundDriver* driver);

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <new>
 #include <stdexcept>
+#include <string>
 
 #include "driver/registry.h"
+#include "support/allocation_counter.h"
 #include "support/storage_fixture.h"
 
 using namespace NSFerrand;
@@ -162,6 +165,46 @@ TEST_F(RegistryTest, AGetInfoThatRaisesPassesOutOfAddAndTheLockIsFree) {
   EXPECT_THROW(AddRegisteredDriver(broken), std::runtime_error);
   delete broken;
   EXPECT_TRUE(AddRegisteredDriver(new FakeRegistered(u"y", u"MME")));
+}
+
+// Each allocation of an addition refused in turn, the caller deleting its
+// driver whenever the addition raises, as the families do: every driver is
+// deleted exactly once, by the caller or by the registry when it goes.
+TEST_F(RegistryTest, AnAdditionThatRunsOutOfMemoryLeavesTheDriverToTheCaller) {
+  int living = 0;
+  int deletedByCaller = 0;
+  int kept = 0;
+  bool refusedAll = true;
+  for (uint64_t n = 1; refusedAll; ++n) {
+    ASSERT_LT(n, 200u);
+    const std::u16string key = u"k" + std::u16string(static_cast<size_t>(n), u'x');
+    auto* driver = new FakeRegistered(key.c_str(), u"MME", &living);
+    bool added = false;
+    bool raised = false;
+    {
+      AllocationCounter::CRefuseNth refuse(n);
+      try {
+        added = AddRegisteredDriver(driver);
+      } catch (const std::bad_alloc&) {
+        raised = true;
+      }
+      refusedAll = refuse.Refused();
+    }
+    if (raised) {
+      // Still alive: the caller's to delete.
+      EXPECT_EQ(living, kept + 1) << n;
+      delete driver;
+      ++deletedByCaller;
+    } else {
+      EXPECT_TRUE(added) << n;
+      ++kept;
+    }
+    EXPECT_EQ(living, kept) << n;
+  }
+  EXPECT_GT(deletedByCaller, 0);
+  EXPECT_EQ(static_cast<int>(Keys().size()), kept + 1);
+  RemoveFamily(u"MME");
+  EXPECT_EQ(living, 0);
 }
 
 TEST_F(RegistryTest, ANewRegistryAfterTheLastReferenceHoldsTheNullDriverAlone) {

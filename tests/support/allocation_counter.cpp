@@ -9,6 +9,9 @@
 namespace {
 thread_local uint64_t tCount = 0;
 thread_local uint64_t tRefuseAbove = ~uint64_t{0};
+// Requests until the one refused: 0 when none is armed, 1 for the next.
+thread_local uint64_t tRefuseIn = 0;
+thread_local bool tRefusedNth = false;
 std::atomic<uint64_t> gTotal{0};
 std::atomic<int64_t> gLiveBytes{0};
 
@@ -28,6 +31,10 @@ void Free(void* p) {
 
 void* Allocate(size_t size) {
   if (size > tRefuseAbove) throw std::bad_alloc();
+  if (tRefuseIn != 0 && --tRefuseIn == 0) {
+    tRefusedNth = true;
+    throw std::bad_alloc();
+  }
   ++tCount;
   gTotal.fetch_add(1, std::memory_order_relaxed);
   for (;;) {
@@ -50,6 +57,13 @@ AllocationCounter::CFailAbove::CFailAbove(uint64_t bytes) : former_(tRefuseAbove
   tRefuseAbove = bytes;
 }
 AllocationCounter::CFailAbove::~CFailAbove() { tRefuseAbove = former_; }
+
+AllocationCounter::CRefuseNth::CRefuseNth(uint64_t n) : formerLeft_(tRefuseIn) {
+  tRefuseIn = n;
+  tRefusedNth = false;
+}
+AllocationCounter::CRefuseNth::~CRefuseNth() { tRefuseIn = formerLeft_; }
+bool AllocationCounter::CRefuseNth::Refused() const { return tRefusedNth; }
 
 void* operator new(size_t size) { return Allocate(size); }
 void* operator new[](size_t size) { return Allocate(size); }

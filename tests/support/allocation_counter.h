@@ -28,6 +28,23 @@ class CFailAbove {
   uint64_t former_;
 };
 
+// While one lives, the Nth request to operator new on the constructing thread
+// (counting from 1 at construction) is refused with std::bad_alloc, once; the
+// others are served. Walking N up from 1 fails each allocation of a path in
+// turn, whatever its size.
+class CRefuseNth {
+ public:
+  explicit CRefuseNth(uint64_t n);
+  ~CRefuseNth();
+  CRefuseNth(const CRefuseNth&) = delete;
+  CRefuseNth& operator=(const CRefuseNth&) = delete;
+  // Whether the Nth request came, and so was refused.
+  bool Refused() const;
+
+ private:
+  uint64_t formerLeft_;
+};
+
 }  // namespace AllocationCounter
 
 #endif
