@@ -15,6 +15,8 @@ using NSMarlet::RaiseFailure;
 namespace {
 
 [[noreturn]] void RaiseOpen() { RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver()); }
+// A plain failure with no text of its own.
+[[noreturn]] void RaiseException() { RaiseFailure(NSMarlet::NSMarletDetails::XStdException()); }
 
 // The kept bits of the four shifted forms, in the order of their numbers.
 const uint32_t kShiftedBits[4] = {16, 18, 20, 24};
@@ -50,7 +52,7 @@ void MapChannels(const CChannelBitVector& pairs, ASIOBool isInput,
     ASIOChannelInfo info = {};
     info.channel = static_cast<int32_t>(c);
     info.isInput = isInput;
-    if (CASIOCallLayer::getChannelInfo(&info) != ASE_OK) RaiseFailure(std::exception());
+    if (CASIOCallLayer::getChannelInfo(&info) != ASE_OK) RaiseException();
     ASIOBufferInfo buffer = {};
     buffer.isInput = isInput;
     buffer.channelNum = static_cast<int32_t>(c);
@@ -146,12 +148,13 @@ void FromDriverFormat(void* source, uint32_t type, float* destination, int32_t f
 void ReadChannelCounts(int32_t& inputs, int32_t& outputs) {
   inputs = 0;
   outputs = 0;
-  if (CASIOCallLayer::getChannels(&inputs, &outputs) != ASE_OK) RaiseFailure(std::exception());
+  if (CASIOCallLayer::getChannels(&inputs, &outputs) != ASE_OK) RaiseException();
   // Channels come in pairs; a count that does not is refused, as is one
   // below zero.
-  if (inputs < 0 || outputs < 0 || inputs % 2 != 0 || outputs % 2 != 0) {
-    RaiseFailure(std::exception());
-  }
+  if (inputs < 0 || outputs < 0 || inputs % 2 != 0 || outputs % 2 != 0) RaiseException();
+  // A driver that claims more than a host can be given is not believed: no
+  // list, copy or question is made that long.
+  if (inputs > kMaxChannels || outputs > kMaxChannels) RaiseOpen();
 }
 
 void ASIOCreateBuffers(ASIOBufferInfo* infos, int32_t count, int32_t frames,

@@ -18,6 +18,8 @@ constexpr uint32_t kNoSampleType = 666;
 // Beyond this a driver's buffer size is no size any interface streams: the
 // open fails rather than allocate gigabytes per channel.
 constexpr int32_t kMaxBufferFrames = 1 << 20;
+// The most channels each way that the boundary can carry: 256 pairs.
+constexpr int32_t kMaxChannels = 512;
 
 // Conversions by sample type; the types no kernel serves are left alone.
 // The swap on the way in works in place, in the driver's buffer.

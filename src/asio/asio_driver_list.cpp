@@ -3,6 +3,8 @@
 #include <cstring>
 #include <new>
 
+#include "driver/com_result.h"
+
 namespace NSASIO {
 
 CASIODriverList* driverList = nullptr;
@@ -141,7 +143,7 @@ CASIODriverRecord* CASIODriverList::ScanDriverKey(RegistryKey parent, const CWid
   CWideString again;
   SGuid clsid = {};
   if (ReadRegistryText(platform_, key.Get(), u"clsid", kValueBytes, again) == kRegistryOk &&
-      platform_.CLSIDFromString(again.c_str(), &clsid) == kHResultOk) {
+      NSFerrand::ComSucceeded(platform_.CLSIDFromString(again.c_str(), &clsid))) {
     record->clsid = clsid;
   }
   if (ReadRegistryText(platform_, key.Get(), u"description", kValueBytes, record->driverName) !=
@@ -225,7 +227,7 @@ int32_t CASIODriverList::OpenDriverAt(int32_t index, IASIO** driver) {
   void* object = nullptr;
   const HResult result =
       platform_.CoCreateInstance(record->clsid, kContextInprocServer, record->clsid, &object);
-  if (result != kHResultOk) return result;
+  if (NSFerrand::ComFailed(result)) return result;
   if (object == nullptr) return kHResultNoInterface;
   record->asioDriver = static_cast<IASIO*>(object);
   *driver = record->asioDriver;

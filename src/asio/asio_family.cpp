@@ -5,6 +5,7 @@
 
 #include "asio/asio_driver_list.h"
 #include "asio/asio_rules.h"
+#include "driver/com_result.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
 #include "text/code_conversions.h"
@@ -113,7 +114,7 @@ bool ProbeHardwareIdentity(const CWideString& name, std::string& identity) {
   if (driverList == nullptr || !FindDriverClsid(name, clsid)) return false;
   IASIOPlatform& platform = driverList->Platform();
   void* object = nullptr;
-  if (platform.CoCreateInstance(clsid, kContextInprocServer, clsid, &object) != kHResultOk ||
+  if (NSFerrand::ComFailed(platform.CoCreateInstance(clsid, kContextInprocServer, clsid, &object)) ||
       object == nullptr) {
     return false;
   }

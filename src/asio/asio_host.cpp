@@ -7,6 +7,7 @@
 #include "asio/asio_driver_list.h"
 #include "asio/asio_rules.h"
 #include "driver/clock.h"
+#include "driver/com_result.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
 #include "text/code_conversions.h"
@@ -23,12 +24,35 @@ const uint32_t kOfferedRates[5] = {44100, 48000, 88200, 96000, 192000};
 namespace {
 
 constexpr int32_t kMaxClockSources = 100;
+
+// One render's passage through the host's gate, counted while inside so that
+// the control thread can wait for it to leave. Sequentially consistent on
+// both sides: a render either sees the gate shut or is seen inside.
+class CRenderPass {
+ public:
+  CRenderPass(const std::atomic<bool>& open, std::atomic<int32_t>& inside) : inside_(inside) {
+    inside_.fetch_add(1);
+    entered_ = open.load();
+    if (!entered_) inside_.fetch_sub(1);
+  }
+  ~CRenderPass() {
+    if (entered_) inside_.fetch_sub(1);
+  }
+  CRenderPass(const CRenderPass&) = delete;
+  CRenderPass& operator=(const CRenderPass&) = delete;
+  bool Entered() const { return entered_; }
+
+ private:
+  std::atomic<int32_t>& inside_;
+  bool entered_ = false;
+};
 constexpr uint32_t kRateCheckMs = 3000;
 // How long a refused wait for the run lock is asked again, as any handover.
 constexpr uint32_t kRunLockRetryMs = 5000;
 
 [[noreturn]] void RaiseOpen() { RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver()); }
-[[noreturn]] void RaiseException() { RaiseFailure(std::exception()); }
+// A plain failure with no text of its own.
+[[noreturn]] void RaiseException() { RaiseFailure(NSMarlet::NSMarletDetails::XStdException()); }
 
 // Up to 32 bytes of a driver's name, in the system's ANSI code page.
 CWideString DecodeName(const char (&name)[32]) {
@@ -104,21 +128,24 @@ std::vector<ASIOClockSource> ListClockSources() {
 bool AskHardwareIdentity(IASIO* driver, IASIOPlatform& platform, std::string& identity) {
   identity.clear();
   void* object = nullptr;
-  if (driver->QueryInterface(kIIDHardwareIdentity, &object) != kHResultOk || object == nullptr) {
+  if (NSFerrand::ComFailed(driver->QueryInterface(kIIDHardwareIdentity, &object)) ||
+      object == nullptr) {
     return false;
   }
   auto* named = static_cast<IASIOHardwareIdentity*>(object);
   char16_t* text = nullptr;
-  if (named->GetHardwareIdentity(&text) == kHResultOk && text != nullptr) {
+  const HResult answer = named->GetHardwareIdentity(&text);
+  // A string handed out is freed whatever the answer; only a success names.
+  if (text != nullptr) {
     try {
-      const CWideString wide(text, platform.SysStringLen(text));
-      platform.SysFreeString(text);
-      text = nullptr;
-      if (!wide.empty()) identity = NSTextPackage::WideToUtf8(wide);
+      if (NSFerrand::ComSucceeded(answer)) {
+        const CWideString wide(text, platform.SysStringLen(text));
+        if (!wide.empty()) identity = NSTextPackage::WideToUtf8(wide);
+      }
     } catch (...) {
-      if (text != nullptr) platform.SysFreeString(text);
       identity.clear();
     }
+    platform.SysFreeString(text);
   }
   named->Release();
   return true;
@@ -341,7 +368,11 @@ void CASIODriverHost::StartStreaming() {
     asioState = kASIOStateRunning;
     activeHost.store(this);
     startCounter.fetch_add(1);
-    runLock_.Unlock();
+    if (runLockHeld_) {
+      runLock_.Unlock();
+      runLockHeld_ = false;
+    }
+    renderGateOpen_.store(true);
     stopped_ = false;
   } catch (...) {
     StopAndRelease();
@@ -351,14 +382,21 @@ void CASIODriverHost::StartStreaming() {
 
 void CASIODriverHost::StopAndRelease() {
   resetRequested_ = false;
+  bool rendersOut = true;
   if (!stopped_) {
+    renderGateOpen_.store(false);
     // A driver's thread inside a render holds the lock until it returns. A
     // wait the system refuses is asked again for as long as a handover may
     // take: a host left half released would keep its driver calling in.
-    NSFerrand::TryFor(kRunLockRetryMs, [this] {
+    runLockHeld_ = NSFerrand::TryFor(kRunLockRetryMs, [this] {
       const NSPlatform::EWaitResult wait = runLock_.WaitResult(NSPlatform::kWaitInfinite);
       return wait == NSPlatform::kWaitObject || wait == NSPlatform::kWaitAbandoned;
     });
+    // Without the lock the shut gate keeps new renders out; one already past
+    // it is waited for as long again.
+    rendersOut = runLockHeld_ || NSFerrand::TryFor(kRunLockRetryMs, [this] {
+                   return rendersInside_.load() == 0;
+                 });
     stopped_ = true;
   }
   CASIODriverHost* self = this;
@@ -367,8 +405,10 @@ void CASIODriverHost::StopAndRelease() {
     StopIfRunning();
   } catch (...) {
   }
+  // A render that never came back still writes into its buffers: they are
+  // left to it, never freed.
   try {
-    delete bufferSet_;
+    if (rendersOut) delete bufferSet_;
   } catch (...) {
   }
   bufferSet_ = nullptr;
@@ -431,7 +471,7 @@ bool CASIODriverHost::ShowPanel() {
 void CASIODriverHost::PeriodicCheck() {
   if (resetRequested_.exchange(false) && asioState == kASIOStateRunning) RestartDriver();
   if (renderFailed_) RaiseFailure(NSMarlet::XNotReady(), NSMarlet::TargetWordAudioDriver());
-  const int32_t now = static_cast<int32_t>(NSFerrand::GetTickCount32());
+  const int32_t now = static_cast<int32_t>(ticks_());
   // Wrap-safe: the clock's sign says nothing about the time of the check.
   if (!rateChecked_ || static_cast<int32_t>(static_cast<uint32_t>(now) -
                                             static_cast<uint32_t>(nextRateCheck_)) > 0) {
@@ -523,7 +563,11 @@ void CASIODriverHost::OnBufferSwitch(int32_t index, ASIOBool) {
     host->outputReadyPending_.store(true, std::memory_order_relaxed);
     NSFerrand::CTryScopedLock lock(&host->runLock_);
     if (lock.Locked()) {
-      host->RenderOneBuffer(index, Join64(stamp.hi, stamp.lo), Join64(position.hi, position.lo));
+      const CRenderPass pass(host->renderGateOpen_, host->rendersInside_);
+      if (pass.Entered()) {
+        host->RenderOneBuffer(index, Join64(stamp.hi, stamp.lo),
+                              Join64(position.hi, position.lo));
+      }
     }
     // A skipped or failed buffer still tells the driver its output is ready.
     if (host->outputReadyPending_.exchange(false, std::memory_order_relaxed)) {
@@ -539,6 +583,8 @@ ASIOTime* CASIODriverHost::OnBufferSwitchTimeInfo(ASIOTime* time, int32_t index,
     if (host == nullptr) return nullptr;
     NSFerrand::CTryScopedLock lock(&host->runLock_);
     if (!lock.Locked()) return nullptr;
+    const CRenderPass pass(host->renderGateOpen_, host->rendersInside_);
+    if (!pass.Entered()) return nullptr;
     uint64_t systemTime = 0;
     uint64_t samplePosition = 0;
     if (time != nullptr) {

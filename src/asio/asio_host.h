@@ -14,6 +14,7 @@
 #include "asio/asio_buffers.h"
 #include "asio/asio_interface.h"
 #include "asio/asio_platform.h"
+#include "driver/clock.h"
 #include "driver/driver_contract.h"
 #include "driver/threading.h"
 
@@ -92,6 +93,9 @@ class CASIODriverHost {
   const CASIOBufferSet* BufferSet() const { return bufferSet_; }
   // For tests of the buffer switch while the control thread holds the lock.
   NSFerrand::CLockableMutex& RunLock() { return runLock_; }
+  // The millisecond clock of the rate poll; tests give one of their own.
+  typedef uint32_t (*TickSource)();
+  void SetTickSource(TickSource source) { ticks_ = source; }
 
   // The driver's callbacks; they find the host through activeHost.
   static void OnBufferSwitch(int32_t index, ASIOBool directProcess);
@@ -119,7 +123,13 @@ class CASIODriverHost {
   NSFerrand::MSoundRenderer* renderer_;
   CASIOBufferSet* bufferSet_ = nullptr;
   NSFerrand::CLockableMutex runLock_{true};
-  bool stopped_ = true;  // the control thread holds the run lock
+  bool stopped_ = true;       // no render can start: the gate is shut
+  bool runLockHeld_ = true;  // the control thread holds the run lock
+  // A render on the driver's thread passes the gate as well as the run lock.
+  // The control thread shuts it before it waits for the lock, so that a wait
+  // the system refuses still keeps every render out of buffers being freed.
+  std::atomic<bool> renderGateOpen_{false};
+  std::atomic<int32_t> rendersInside_{0};
   std::atomic<bool> resetRequested_{false};
   std::atomic<bool> outputReadyPending_{false};
   std::atomic<bool> renderFailed_{false};
@@ -142,6 +152,7 @@ class CASIODriverHost {
   std::vector<ASIOClockSource> clockSources_;
   bool monitorsValid_ = false;
   std::vector<CInputMonitorSetting> monitors_;
+  TickSource ticks_ = &NSFerrand::GetTickCount32;
   bool rateChecked_ = false;
   int32_t nextRateCheck_ = 0;
   void* hardwareContext_;

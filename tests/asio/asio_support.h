@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -15,6 +16,7 @@
 #include "asio/asio_driver_list.h"
 #include "asio/asio_host.h"
 #include "driver/registry.h"
+#include "failure/builder.h"
 #include "failure/exceptions.h"
 #include "fakes/fake_asio.h"
 #include "support/allocation_counter.h"
@@ -32,6 +34,12 @@ class RecordingRenderer final : public NSFerrand::MSoundRenderer {
     if (std::this_thread::get_id() != controlThread) {
       watch.OnRender();
       ++driverThreadCalls;
+      // A render that stays inside until the test lets it go.
+      if (holdInside.load()) {
+        inside = true;
+        while (holdInside.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        inside = false;
+      }
     }
     ++calls;
     lastFrames = frames;
@@ -56,6 +64,8 @@ class RecordingRenderer final : public NSFerrand::MSoundRenderer {
   std::atomic<uint64_t> times[4] = {};
   std::atomic<float> firstInput{0.0f};
   std::atomic<bool> raiseNext{false};
+  std::atomic<bool> holdInside{false};
+  std::atomic<bool> inside{false};
   std::atomic<uint64_t> driverThreadCalls{0};
   CRealtimeWatch watch;
   const std::thread::id controlThread = std::this_thread::get_id();
@@ -100,6 +110,28 @@ uint32_t FailureCodeOf(F&& call) {
     return 0xFFFFFFFFu;
   }
   return 0;
+}
+
+// What a call raises: its class's code, its target word and its text.
+struct SRaised {
+  uint32_t code = 0;
+  std::string word;
+  std::string text;
+};
+
+template <class F>
+SRaised RaisedBy(F&& call) {
+  SRaised raised;
+  try {
+    call();
+  } catch (const std::exception& e) {
+    const NSMarlet::CExceptionBodyRef body =
+        NSMarlet::BodyFromException(&e, NSMarlet::CSourcePosition());
+    raised.code = NSMarlet::ClassifyException(&e).failureCode;
+    raised.word = NSMarlet::TargetWordOf(NSMarlet::TopEntry(body));
+    raised.text = e.what();
+  }
+  return raised;
 }
 
 #endif

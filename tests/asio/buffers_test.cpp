@@ -171,6 +171,41 @@ TEST_F(BuffersTest, ChannelCountsMustBeEvenAndGiven) {
             static_cast<uint32_t>(NSMarlet::kFailureCode_Exception));
 }
 
+// A refusal of the driver or a count that is not in pairs raises a plain
+// failure with no text; a count beyond what a host can be given (256 pairs)
+// is a driver that cannot be opened.
+TEST_F(BuffersTest, ChannelCountsAreBoundedAndRefusalsCarryNoText) {
+  auto device = Initialised(3, 2);
+  int32_t inputs = 0, outputs = 0;
+  SRaised raised = RaisedBy([&] { ReadChannelCounts(inputs, outputs); });
+  EXPECT_EQ(raised.code, static_cast<uint32_t>(NSMarlet::kFailureCode_Exception));
+  EXPECT_EQ(raised.text, "");
+  device->inputs = 2;
+  device->Fail(Fakes::kAsioGetChannels, ASE_HWMalfunction, 1);
+  raised = RaisedBy([&] { ReadChannelCounts(inputs, outputs); });
+  EXPECT_EQ(raised.code, static_cast<uint32_t>(NSMarlet::kFailureCode_Exception));
+  EXPECT_EQ(raised.text, "");
+  device->Fail(Fakes::kAsioGetChannelInfo, ASE_HWMalfunction, 1);
+  raised = RaisedBy([&] { CASIOBufferSet set(&callbacks, 64, Pairs({0}, 1), Pairs({0}, 1)); });
+  EXPECT_EQ(raised.code, static_cast<uint32_t>(NSMarlet::kFailureCode_Exception));
+  EXPECT_EQ(raised.text, "");
+  for (int32_t count : {514, 0x7FFFFFFE}) {
+    for (bool input : {true, false}) {
+      device->inputs = input ? count : 2;
+      device->outputs = input ? 2 : count;
+      raised = RaisedBy([&] { ReadChannelCounts(inputs, outputs); });
+      EXPECT_EQ(raised.code, static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_Open))
+          << count;
+      EXPECT_EQ(raised.word, "audio_driver") << count;
+    }
+  }
+  device->inputs = 512;
+  device->outputs = 512;
+  ReadChannelCounts(inputs, outputs);
+  EXPECT_EQ(inputs, 512);
+  EXPECT_EQ(outputs, 512);
+}
+
 TEST_F(BuffersTest, ConversionsUseTheHalfTheDriverNames) {
   auto device = Initialised(2, 2);
   device->defaultType = ASIOSTFloat32LSB;

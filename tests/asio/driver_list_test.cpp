@@ -280,12 +280,39 @@ TEST_F(DriverListTest, FailingRegistryCallsGiveAnEmptyListNotAFailure) {
   }
 }
 
+// The system's own registry: natively there is none, and a Wine prefix holds
+// no key or the test driver's. Every driver listed stands for a key under
+// "software\asio", with a name, and there are never more than keys.
 TEST_F(DriverListTest, TheSystemListsWhatItHasWithoutFailing) {
-  // Natively, and in a fresh Wine prefix, there is no ASIO key at all.
-  LoadDriverList(SystemASIOPlatform());
+  IASIOPlatform& system = SystemASIOPlatform();
+  uint32_t keys = 0;
+  RegistryKey root = nullptr;
+  if (system.RegOpenKey(kLocalMachine, u"software\\asio", &root) == kRegistryOk) {
+    char16_t name[256];
+    for (uint32_t units = 256; system.RegEnumKeyEx(root, keys, name, &units) == kRegistryOk;
+         units = 256) {
+      ++keys;
+    }
+    system.RegCloseKey(root);
+  }
+  LoadDriverList(system);
   EXPECT_EQ(asioState, kASIOStateLoaded);
-  EXPECT_GE(driverList->NumDrivers(), 0);
+  const int32_t count = driverList->NumDrivers();
+  EXPECT_LE(count, static_cast<int32_t>(keys));
+  if (keys == 0) {
+    EXPECT_EQ(count, 0);
+  }
+  int32_t chained = 0;
+  for (const CASIODriverRecord* record = driverList->First(); record != nullptr;
+       record = record->next) {
+    EXPECT_EQ(record->drvID, chained);
+    EXPECT_FALSE(record->driverName.empty());
+    ++chained;
+  }
+  EXPECT_EQ(chained, count);
+  EXPECT_EQ(static_cast<int32_t>(Names().size()), count);
   UnloadDriverList();
+  EXPECT_EQ(asioState, kASIOStateUnloaded);
 }
 
 }  // namespace

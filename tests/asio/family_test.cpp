@@ -1,5 +1,6 @@
 #include <cmath>
 #include <limits>
+#include <optional>
 
 #include "asio/asio_family.h"
 #include "asio/asio_rules.h"
@@ -122,6 +123,31 @@ TEST_F(FamilyTest, WithTheFilterADriverWithoutIdentityVanishesOnRefresh) {
   EXPECT_EQ(named->Calls(Fakes::kAsioInit), 0u);
 }
 
+// COM's rule: any success code hands out what was made, and a string handed
+// out is freed whatever the code that came with it.
+TEST_F(FamilyTest, TheProbeTakesEverySuccessCodeAndFreesEveryString) {
+  auto named = Add(u"Named", 1);
+  named->hasIdentity = true;
+  named->identity = u"unit";
+  Load();
+  std::string identity;
+  named->identityAnswer = 1;  // S_FALSE
+  EXPECT_TRUE(ProbeHardwareIdentity(u"Named", identity));
+  EXPECT_EQ(identity, "unit");
+  EXPECT_EQ(platform.LiveStrings(), 0);
+  named->identityAnswer = static_cast<HResult>(0x80004005u);
+  identity = "old";
+  EXPECT_TRUE(ProbeHardwareIdentity(u"Named", identity));
+  EXPECT_TRUE(identity.empty());
+  EXPECT_EQ(platform.LiveStrings(), 0);
+  named->identityAnswer = 0;
+  platform.createdAnswer = 1;
+  EXPECT_TRUE(ProbeHardwareIdentity(u"Named", identity));
+  EXPECT_EQ(identity, "unit");
+  EXPECT_EQ(named->liveObjects.load(), 0);
+  EXPECT_EQ(platform.LiveStrings(), 0);
+}
+
 TEST_F(FamilyTest, TheProbeAnswersWhatItCould) {
   auto named = Add(u"Named", 1);
   named->hasIdentity = true;
@@ -143,11 +169,40 @@ TEST_F(FamilyTest, TheProbeAnswersWhatItCould) {
   EXPECT_EQ(named->liveObjects.load(), 0);
 }
 
+// Each allocation of the family's making refused in turn: a family that
+// could not be made lists nothing and leaves nothing loaded or open, and one
+// that was made lists what it could.
 TEST_F(FamilyTest, AFamilyThatCannotBeMadeListsNothing) {
   Add(u"First", 1);
-  platform.Fail(Fakes::kPlatformOpenKey, 5);
+  Add(u"Second", 2);
+  int unmade = 0;
+  for (uint64_t n = 1;; ++n) {
+    ASSERT_LT(n, 5000u);
+    std::optional<CASIOFamilyScope> scope;
+    bool refused = false;
+    {
+      AllocationCounter::CRefuseNth refuse(n);
+      scope.emplace(platform, false, nullptr);
+      refused = refuse.Refused();
+    }
+    if (CASIOFamilyScope::Exists()) {
+      EXPECT_LE(Registered().size(), 2u) << n;
+      EXPECT_EQ(asioState, kASIOStateLoaded) << n;
+    } else {
+      ++unmade;
+      EXPECT_TRUE(Registered().empty()) << n;
+      EXPECT_TRUE(CASIOFamilyScope::DriverNames().empty()) << n;
+      EXPECT_EQ(asioState, kASIOStateUnloaded) << n;
+    }
+    scope.reset();
+    EXPECT_TRUE(Registered().empty()) << n;
+    EXPECT_EQ(platform.OpenKeys(), 0) << n;
+    EXPECT_EQ(platform.LiveStrings(), 0) << n;
+    if (!refused) break;
+  }
+  EXPECT_GT(unmade, 0);
   CASIOFamilyScope scope(platform, false, nullptr);
-  EXPECT_TRUE(Registered().empty());
+  EXPECT_EQ(Registered().size(), 2u);
 }
 
 TEST_F(FamilyTest, GainAndPanNumbers) {
@@ -353,6 +408,33 @@ TEST_F(OpenDriverTest, WithAnEmptyGlueTheIdentityIsReadButNoDeviceBound) {
   EXPECT_EQ(static_cast<COpenASIOSoundDriver&>(*open).Host().Identity(), "unit-7");
   EXPECT_FALSE(open->HasHardwareDevice());
   EXPECT_EQ(platform.LiveStrings(), 0);
+}
+
+// A driver made with a success code other than S_OK is the driver, and its
+// identity string is freed whatever its query answered.
+TEST_F(OpenDriverTest, AnObjectMadeWithAnySuccessCodeOpensAndNoStringIsLeft) {
+  device->hasIdentity = true;
+  device->identity = u"unit-7";
+  platform.createdAnswer = 1;
+  device->identityAnswer = 1;
+  CASIORegisteredSoundDriver registered(u"ASIO Fake", u"Fake");
+  NSZEPGlue::CGluePtr noGlue;
+  {
+    std::unique_ptr<NSFerrand::CABCOpenSoundDriver> open(
+        registered.OpenWithDefaults(&renderer, &noGlue));
+    EXPECT_EQ(static_cast<COpenASIOSoundDriver&>(*open).Host().Identity(), "unit-7");
+    EXPECT_EQ(device->liveObjects.load(), 1);
+    EXPECT_EQ(platform.LiveStrings(), 0);
+  }
+  EXPECT_EQ(device->liveObjects.load(), 0);
+  device->identityAnswer = static_cast<HResult>(0x8000FFFFu);
+  {
+    std::unique_ptr<NSFerrand::CABCOpenSoundDriver> open(
+        registered.OpenWithDefaults(&renderer, &noGlue));
+    EXPECT_EQ(static_cast<COpenASIOSoundDriver&>(*open).Host().Identity(), "");
+    EXPECT_EQ(platform.LiveStrings(), 0);
+  }
+  EXPECT_EQ(device->liveObjects.load(), 0);
 }
 
 }  // namespace

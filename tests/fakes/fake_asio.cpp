@@ -137,7 +137,7 @@ HResult CFakeASIODriver::GetHardwareIdentity(char16_t** identity) {
     return static_cast<HResult>(0x80004005u);
   }
   *identity = CFakeASIOPlatform::AllocString(device_->identity);
-  return kHResultOk;
+  return device_->identityAnswer;
 }
 
 bool CFakeASIODriver::Failing(EASIOCall call, ASIOError& result) {
@@ -568,7 +568,7 @@ HResult CFakeASIOPlatform::CoCreateInstance(const SGuid& clsid, uint32_t context
   for (auto& entry : classes_) {
     if (entry.first != clsid) continue;
     *object = static_cast<IASIO*>(new CFakeASIODriver(entry.second));
-    return kHResultOk;
+    return createdAnswer;
   }
   return kHResultClassNotRegistered;
 }

@@ -89,6 +89,9 @@ struct SFakeASIODevice {
   // Hardware identity: none, or the text it answers.
   bool hasIdentity = false;
   std::u16string identity;
+  // What the identity query answers while it hands out the string: a success
+  // code other than S_OK, or a failure code of a driver that still gives one.
+  NSASIO::HResult identityAnswer = 0;
 
   // The pace of the callback thread: a buffer's time at the rate, else this.
   std::atomic<uint32_t> periodMs{0};
@@ -230,6 +233,9 @@ class CFakeASIOPlatform final : public NSASIO::IASIOPlatform {
   int32_t LiveStrings() const { return liveStrings_.load(); }
   // CreateFile answers a null handle rather than the invalid one.
   bool nullFileHandle = false;
+  // What CoCreateInstance answers when it makes an object: S_OK, or another
+  // success code.
+  NSASIO::HResult createdAnswer = 0;
 
   int32_t RegOpenKey(NSASIO::RegistryKey parent, const char16_t* path,
                      NSASIO::RegistryKey* key) override;
