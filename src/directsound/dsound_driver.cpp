@@ -7,6 +7,7 @@
 #include "directsound/dsound_family.h"
 #include "driver/aligned_floats.h"
 #include "driver/clock.h"
+#include "driver/com_result.h"
 #include "driver/kernels.h"
 #include "driver/registry.h"
 #include "failure/builder.h"
@@ -132,8 +133,9 @@ std::vector<uint32_t> COpenDirectSoundDriver::FindSupportedRates() {
         continue;
       }
       SPcmFormat format = NSFerrand::Stereo16Format(rate);
-      if (api_.SetFormat(trial.primary_, format) != 0) continue;
-      if (api_.GetFormat(trial.primary_, &format, 18) == 0 && format.samplesPerSecond == rate) {
+      if (NSFerrand::ComFailed(api_.SetFormat(trial.primary_, format))) continue;
+      if (NSFerrand::ComSucceeded(api_.GetFormat(trial.primary_, &format, 18)) &&
+          format.samplesPerSecond == rate) {
         rates.push_back(rate);
       }
     }
@@ -272,7 +274,7 @@ void COpenDirectSoundDriver::WriteBlock(int32_t position, int32_t count) {
   renderer_->Render(static_cast<uint32_t>(n), inputs_, outputs_, 0, 0, 0, 0);
   NSFerrand::FloatStereoToInterleaved16(outputs_[0], outputs_[1], staging_, n);
   if (bufferLost_) {
-    if (api_.Restore(secondary_) != 0) {
+    if (NSFerrand::ComFailed(api_.Restore(secondary_))) {
       if (NSFerrand::GetCoarseTickCount32() - lostSince_ >= kDirectSoundLostForGoodMs) {
         failed_ = true;
       }
@@ -289,7 +291,7 @@ void COpenDirectSoundDriver::WriteBlock(int32_t position, int32_t count) {
   HResult locked =
       api_.Lock(secondary_, offset, bytes, &first, &firstBytes, &second, &secondBytes, 0);
   if (locked == kBufferLost) {
-    if (api_.Restore(secondary_) != 0) {
+    if (NSFerrand::ComFailed(api_.Restore(secondary_))) {
       bufferLost_ = true;
       lostSince_ = NSFerrand::GetCoarseTickCount32();
       return;
@@ -345,7 +347,13 @@ void COpenDirectSoundDriver::ApplySettings(const NSFerrand::CSoundDriverSettings
     return;
   }
   CloseStream();
-  OpenStream(rate, static_cast<uint32_t>(frames));
+  try {
+    OpenStream(rate, static_cast<uint32_t>(frames));
+  } catch (...) {
+    // Closed for good: the next check finds the driver lost.
+    failed_ = true;
+    throw;
+  }
 }
 
 bool COpenDirectSoundDriver::TakeSettingsChanged() {

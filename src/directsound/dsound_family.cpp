@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "directsound/dsound_driver.h"
+#include "driver/com_result.h"
 #include "failure/builder.h"
 #include "failure/scope.h"
 #include "text/wide_text.h"
@@ -113,7 +114,8 @@ bool CDirectSoundFamily::Probe(const SDeviceEntry& entry) {
   SDSCaps caps;
   std::memset(&caps, 0, sizeof caps);
   DSDevice device = nullptr;
-  if (api.DirectSoundCreate(entries.create, entry.hasGuid ? &entry.guid : nullptr, &device) != 0 ||
+  if (NSFerrand::ComFailed(
+          api.DirectSoundCreate(entries.create, entry.hasGuid ? &entry.guid : nullptr, &device)) ||
       device == nullptr) {
     return false;
   }
@@ -163,8 +165,9 @@ void CDirectSoundFamily::Unload() {
 
 void ThrowOnDirectSoundResult(HResult result) {
   const char* word = TargetWordAudioDriver();
+  // Informational successes are successes: what the call made is handed out.
+  if (NSFerrand::ComSucceeded(result)) return;
   switch (static_cast<uint32_t>(result)) {
-    case 0: return;
     case 0x80004001u:
     case 0x80070057u:
     case 0x88780046u:

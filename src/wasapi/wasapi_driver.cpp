@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "driver/aligned_floats.h"
+#include "driver/com_result.h"
 #include "driver/kernels.h"
 #include "driver/registry.h"
 #include "failure/builder.h"
@@ -187,13 +188,13 @@ void COpenWasapiSoundDriver::OpenShared(uint32_t frames) {
     uint32_t fundamental = 0;
     uint32_t minimum = 0;
     uint32_t maximum = 0;
-    if (api_.GetSharedModeEnginePeriod(client_, mix, &defaultFrames, &fundamental, &minimum,
-                                       &maximum) == kHResultOk) {
+    if (NSFerrand::ComSucceeded(api_.GetSharedModeEnginePeriod(
+            client_, mix, &defaultFrames, &fundamental, &minimum, &maximum))) {
       sizes_ = SharedSizes(minimum, maximum, fundamental);
       const uint32_t period = NearestSize(sizes_, frames != 0 ? frames : minimum);
       if (period != 0 &&
-          api_.InitializeSharedAudioStream(client_, kStreamFlagEventCallback, period, mix) ==
-              kHResultOk) {
+          NSFerrand::ComSucceeded(
+              api_.InitializeSharedAudioStream(client_, kStreamFlagEventCallback, period, mix))) {
         blockFrames_ = period;
         initialised = true;
       } else {

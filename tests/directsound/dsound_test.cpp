@@ -31,8 +31,9 @@ class ToneRenderer final : public NSFerrand::MSoundRenderer {
     lastFrames = frames;
     totalFrames += frames;
     inputCount = inputs.size();
+    const float leftValue = left.load();
     for (uint32_t f = 0; f < frames; ++f) {
-      outputs[0][f] = 0.5f;
+      outputs[0][f] = leftValue;
       outputs[1][f] = -0.25f;
     }
     ++calls;
@@ -44,6 +45,7 @@ class ToneRenderer final : public NSFerrand::MSoundRenderer {
   std::atomic<uint64_t> totalFrames{0};
   std::atomic<size_t> inputCount{9};
   std::atomic<bool> raiseNext{false};
+  std::atomic<float> left{0.5f};
   CRealtimeWatch watch;
 };
 
@@ -129,8 +131,7 @@ TEST_F(DirectSoundTest, EveryResultRaisesItsClass) {
     uint32_t result;
     uint32_t code;
     bool word;
-  } rows[] = {{0x0878000Au, kFailureCode_RuntimeError_Open, true},
-              {0x80004001u, kFailureCode_LogicError_InvalidArgument, false},
+  } rows[] = {{0x80004001u, kFailureCode_LogicError_InvalidArgument, false},
               {0x80004002u, kFailureCode_RuntimeError_Open, true},
               {0x80004005u, kFailureCode_RuntimeError, true},
               {0x80040110u, kFailureCode_RuntimeError, true},
@@ -153,14 +154,19 @@ TEST_F(DirectSoundTest, EveryResultRaisesItsClass) {
               {0x887800D2u, kFailureCode_RuntimeError_Open, true},
               {0x887800DCu, kFailureCode_RuntimeError_Open, true},
               {0x88781161u, kFailureCode_RuntimeError_Open, true},
-              {1u, kFailureCode_RuntimeError_Open, true},
               {0x80000000u, kFailureCode_RuntimeError_Open, true}};
   for (const auto& row : rows) {
     const auto failure = FailureOf([&] { ThrowOnDirectSoundResult(static_cast<HResult>(row.result)); });
     EXPECT_EQ(failure.first, row.code) << std::hex << row.result;
     EXPECT_EQ(failure.second, row.word) << std::hex << row.result;
   }
-  EXPECT_EQ(FailureOf([] { ThrowOnDirectSoundResult(0); }).first, 0u);
+  // Every success is one, the informational codes too: what the call made
+  // is handed out and kept.
+  for (uint32_t success : {0u, 1u, 0x0878000Au, 0x7FFFFFFFu}) {
+    EXPECT_EQ(FailureOf([&] { ThrowOnDirectSoundResult(static_cast<HResult>(success)); }).first,
+              0u)
+        << std::hex << success;
+  }
 }
 
 TEST_F(DirectSoundTest, DisplayNamesAreCleanedByTheirOddRules) {
@@ -316,17 +322,56 @@ TEST_F(DirectSoundTest, ATargetOf256WritesByTheMask) {
 }
 
 TEST_F(DirectSoundTest, TheCursorWrapsAcrossTheRingEnd) {
-  const CSoundDriverSettings settings = Settings(48000, 256);
+  // 8000 frames a step: the third block runs over the ring's end in two
+  // regions, and the cursor passes the end while it is played.
+  const CSoundDriverSettings settings = Settings(48000, 8192);
   auto open = Open(&settings);
   ASSERT_TRUE(WaitForWrites(1));
-  api.SetCursorBytes(65536);  // the end reads as 0: nothing moved
+  EXPECT_EQ(api.Writes()[0], 8192u);
+  // The end of the ring reads as its start: no frame played.
+  api.SetCursorBytes(65536);
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
   EXPECT_EQ(api.Writes().size(), 1u);
-  api.SetCursorBytes(4 * 64);
+  api.SetCursorBytes(0);
+  api.Advance(8000);
   ASSERT_TRUE(WaitForWrites(2));
+  EXPECT_EQ(api.Writes()[1], 8000u);
+  const int16_t former = api.RingFrame(8191).first;
+  renderer.left = 0.75f;
+  api.Advance(8000);  // the cursor: from frame 16000 over the end to 7616
+  ASSERT_TRUE(WaitForWrites(3));
+  EXPECT_EQ(api.Writes()[2], 8000u);
+  // Both regions of the block hold it: 192 frames at the end, 7808 from 0.
+  const int16_t fresh = api.RingFrame(16383).first;
+  EXPECT_NE(fresh, former);
+  EXPECT_EQ(api.RingFrame(16192).first, fresh);
+  EXPECT_EQ(api.RingFrame(0).first, fresh);
+  EXPECT_EQ(api.RingFrame(7807).first, fresh);
+  EXPECT_EQ(api.RingFrame(7808).first, former);
+  EXPECT_EQ(api.RingFrame(16191).first, former);
+  api.Advance(8000);
+  ASSERT_TRUE(WaitForWrites(4));
+  EXPECT_EQ(api.Writes()[3], 8000u);
   EXPECT_EQ(open->UnderrunCount(), 0u);
 }
 
+// The stream is set up as a priority client of the host's window, on a
+// primary buffer of its own, and the ring starts silent beyond its first block.
+TEST_F(DirectSoundTest, TheStreamIsSetUpOnThePrimaryAndStartsSilent) {
+  const CSoundDriverSettings settings = Settings(48000, 256);
+  auto open = Open(&settings);
+  ASSERT_TRUE(WaitForWrites(1));
+  EXPECT_EQ(api.CooperativeWindow(), static_cast<const void*>(&kSomeWindow));
+  EXPECT_EQ(api.CooperativeLevel(), kCooperativePriority);
+  const std::vector<uint32_t> flags = api.BufferFlagsAsked();
+  ASSERT_GE(flags.size(), 2u);
+  EXPECT_EQ(flags[flags.size() - 2], kBufferPrimary | kBufferGetCurrentPosition2);
+  EXPECT_EQ(flags.back(), kBufferStatic | kBufferGlobalFocus | kBufferGetCurrentPosition2);
+  // The fake's ring starts as 0x5A bytes: silence was written over all of it.
+  EXPECT_EQ(api.RingFrame(256), std::make_pair(int16_t{0}, int16_t{0}));
+  EXPECT_EQ(api.RingFrame(16383), std::make_pair(int16_t{0}, int16_t{0}));
+  EXPECT_NE(api.RingFrame(0).first, 0);
+}
 TEST_F(DirectSoundTest, TheSameRateAnotherSizeChangesNoDeviceState) {
   auto open = Open();
   const uint64_t buffers = api.Calls(Fakes::kDSCreateBuffer);
@@ -383,11 +428,21 @@ TEST_F(DirectSoundTest, AnInUseDeviceHasNoRatesAndDoesNotOpen) {
   MakeFamily();
   NSFerrand::CRegisteredDriverPtr driver = First();
   api.devices[0].inUse = true;
-  EXPECT_EQ(FailureOf([&] { delete driver->OpenWithDefaults(&renderer, nullptr); }).first,
-            static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_Open));
+  const uint64_t creates = api.Calls(Fakes::kDSCreate);
+  EXPECT_EQ(FailureOf([&] { delete driver->OpenWithDefaults(&renderer, nullptr); }),
+            std::make_pair(static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_Open), true));
+  // The trial asked for the device once and stopped there: no rate was tried.
+  EXPECT_EQ(api.Calls(Fakes::kDSCreate), creates + 1);
+  EXPECT_EQ(api.Calls(Fakes::kDSSetFormat), 0u);
   EXPECT_EQ(api.LiveDevices(), 0);
+  // A device failure that would raise another class is swallowed the same
+  // way: the driver has no rates, and that is what stops it.
+  api.devices[0].inUse = false;
+  api.Fail(Fakes::kDSCreate, static_cast<HResult>(0x80004005u), 1);
+  EXPECT_EQ(FailureOf([&] { delete driver->OpenWithDefaults(&renderer, nullptr); }),
+            std::make_pair(static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_Open), true));
+  EXPECT_EQ(api.Calls(Fakes::kDSCreate), creates + 2);
 }
-
 TEST_F(DirectSoundTest, OnlyDeviceFailuresAreSwallowedInTheRateTrial) {
   MakeFamily();
   NSFerrand::CRegisteredDriverPtr driver = First();
@@ -405,20 +460,37 @@ TEST_F(DirectSoundTest, OnlyDeviceFailuresAreSwallowedInTheRateTrial) {
   EXPECT_EQ(open->SupportedRates(), (std::vector<uint32_t>{48000, 88200, 96000, 192000}));
   EXPECT_EQ(api.LiveBuffers(), 2);  // the stream's primary and secondary
   open.reset();
-  // A device in use is swallowed in the trial: no rates, so no open.
-  api.Fail(Fakes::kDSCreateBuffer, static_cast<HResult>(0x8878000Au), 1);
+  // A device failure is swallowed in the trial: no rates, so no open. Not
+  // swallowed, this generic failure would raise a plain runtime failure.
+  api.Fail(Fakes::kDSCreateBuffer, static_cast<HResult>(0x80004005u), 1);
   EXPECT_EQ(FailureOf([&] { delete driver->OpenWithDefaults(&renderer, nullptr); }),
             std::make_pair(static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_Open), true));
   EXPECT_EQ(api.LiveBuffers(), 0);
+  // The same failure outside the trial is the driver's, and passes on as it is.
+  auto again = std::unique_ptr<NSFerrand::CABCOpenSoundDriver>(
+      driver->OpenWithDefaults(&renderer, nullptr));
+  api.Fail(Fakes::kDSCreateBuffer, static_cast<HResult>(0x80004005u), 1);
+  EXPECT_EQ(FailureOf([&] { again->ApplySettings(Settings(96000, 1024)); }),
+            std::make_pair(static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError), true));
 }
 
 TEST_F(DirectSoundTest, AGlobalFocusRefusalIsRetriedWithout) {
+  {
+    auto open = Open();
+    ASSERT_TRUE(WaitForWrites(1));
+    // Asked with global focus, and given it: one secondary buffer.
+    const std::vector<uint32_t> flags = api.BufferFlagsAsked();
+    EXPECT_EQ(flags.back(), kBufferStatic | kBufferGlobalFocus | kBufferGetCurrentPosition2);
+    EXPECT_EQ(flags[flags.size() - 2] & kBufferPrimary, kBufferPrimary);
+  }
   api.refuseGlobalFocus = true;
   auto open = Open();
-  EXPECT_EQ(api.LastBufferFlags(), kBufferStatic | kBufferGetCurrentPosition2);
+  const std::vector<uint32_t> flags = api.BufferFlagsAsked();
+  ASSERT_GE(flags.size(), 2u);
+  EXPECT_EQ(flags[flags.size() - 2], kBufferStatic | kBufferGlobalFocus | kBufferGetCurrentPosition2);
+  EXPECT_EQ(flags.back(), kBufferStatic | kBufferGetCurrentPosition2);
   ASSERT_TRUE(WaitForWrites(1));
 }
-
 TEST_F(DirectSoundTest, EveryCallThatFailsAtOpeningLeavesNothingBehind) {
   const Fakes::EDSCall calls[] = {Fakes::kDSCreate, Fakes::kDSCooperativeLevel,
                                   Fakes::kDSCreateBuffer, Fakes::kDSGetCaps, Fakes::kDSLock,
@@ -433,11 +505,18 @@ TEST_F(DirectSoundTest, EveryCallThatFailsAtOpeningLeavesNothingBehind) {
     EXPECT_EQ(api.LiveDevices(), 0) << call;
     EXPECT_EQ(api.LiveBuffers(), 0) << call;
   }
-  // The second open of a rate change fails: the driver is gone, nothing hangs.
-  auto open = std::unique_ptr<NSFerrand::CABCOpenSoundDriver>(
-      driver->OpenWithDefaults(&renderer, nullptr));
+  // The second open of a rate change fails: the driver is gone, nothing
+  // hangs, and its next check finds it lost.
+  auto open = std::unique_ptr<COpenDirectSoundDriver>(
+      static_cast<COpenDirectSoundDriver*>(driver->OpenWithDefaults(&renderer, nullptr)));
+  EXPECT_FALSE(open->Failed());
   api.Fail(Fakes::kDSPlay, static_cast<HResult>(0x80004005u), 1);
   EXPECT_NE(FailureOf([&] { open->ApplySettings(Settings(96000, 1024)); }).first, 0u);
+  EXPECT_TRUE(open->Failed());
+  EXPECT_EQ(FailureOf([&] { open->CheckAlive(); }),
+            std::make_pair(static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_NotReady),
+                           true));
+  EXPECT_EQ(api.LiveBuffers(), 0);
 }
 
 TEST_F(DirectSoundTest, ALostBufferIsRestoredAndBlocksGoOn) {

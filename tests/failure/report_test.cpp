@@ -94,6 +94,7 @@ TEST_F(ReportTest, ThrowFromStatusFindsTheRowsFailure) {
 TEST_F(ReportTest, ThrowFromStatusTunnelsAComputedStatus) {
   try {
     ThrowFromStatus(1000 + 12345, kRange, kTable, CSourcePosition());
+    ADD_FAILURE() << "nothing raised";
   } catch (const XTunneledError& e) {
     const CExceptionBodyRef body = BodyFromException(&e, CSourcePosition());
     std::u16string text;
@@ -108,6 +109,7 @@ TEST_F(ReportTest, ThrowFromStatusOutsideEverythingIsABareException) {
             kFailureCode_Exception);
   try {
     ThrowFromStatus(5, kRange, kTable, CSourcePosition());
+    ADD_FAILURE() << "nothing raised";
   } catch (const XStdException& e) {
     EXPECT_EQ(StatusFromException(&e, kRange, kTable, CSourcePosition()),
               1000u + PackFailure(7, "", ProgramTargetWords()));
@@ -118,6 +120,7 @@ TEST_F(ReportTest, DecodedThrowRestoresClassCodeAndWord) {
   const uint32_t status = kRange.base + PackFailure(30, "disk", ProgramTargetWords());
   try {
     ThrowFromStatusDecoded(status, kRange, nullptr, CSourcePosition());
+    ADD_FAILURE() << "nothing raised";
   } catch (const XOpen& e) {
     const CExceptionBodyRef body = BodyFromException(&e, CSourcePosition());
     EXPECT_TRUE(TargetObjectTypeIs(body, "disk"));
@@ -226,7 +229,19 @@ TEST_F(ReportTest, NoTableIsAnEmptyTable) {
   } catch (const std::exception& e) {
     EXPECT_EQ(StatusFromException(&e, kRange, nullptr, CSourcePosition()), computed);
   }
-  // A number in the range comes back tunnelled; one outside it bare.
-  EXPECT_THROW(ThrowFromStatus(kRange.base + 5, kRange, nullptr, CSourcePosition()), std::exception);
-  EXPECT_THROW(ThrowFromStatus(7, kRange, nullptr, CSourcePosition()), std::exception);
+  // A number in the range comes back tunnelled, and gives itself back; one
+  // outside it bare.
+  EXPECT_THROW(ThrowFromStatus(kRange.base + 5, kRange, nullptr, CSourcePosition()),
+               XTunneledError);
+  EXPECT_EQ(Decode([] { ThrowFromStatus(kRange.base + 5, kRange, nullptr, CSourcePosition()); })
+                .first,
+            kFailureCode_TunneledError);
+  try {
+    ThrowFromStatus(kRange.base + 5, kRange, nullptr, CSourcePosition());
+  } catch (const std::exception& e) {
+    EXPECT_EQ(StatusFromException(&e, kRange, nullptr, CSourcePosition()), kRange.base + 5);
+  }
+  EXPECT_THROW(ThrowFromStatus(7, kRange, nullptr, CSourcePosition()), XStdException);
+  EXPECT_EQ(Decode([] { ThrowFromStatus(7, kRange, nullptr, CSourcePosition()); }).first,
+            kFailureCode_Exception);
 }

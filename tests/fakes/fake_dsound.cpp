@@ -114,10 +114,17 @@ HResult CFakeDirectSound::DirectSoundCreate(DSEntry, const SGuid* guid, DSDevice
   return static_cast<HResult>(0x88780078u);
 }
 
-HResult CFakeDirectSound::SetCooperativeLevel(DSDevice, void*, uint32_t) {
+HResult CFakeDirectSound::SetCooperativeLevel(DSDevice, void* window, uint32_t level) {
   HResult result = 0;
   if (TakeFailure(kDSCooperativeLevel, result)) return result;
+  cooperativeWindow_ = window;
+  cooperativeLevel_ = level;
   return 0;
+}
+
+std::vector<uint32_t> CFakeDirectSound::BufferFlagsAsked() {
+  std::lock_guard<std::mutex> hold(lock_);
+  return bufferFlags_;
 }
 
 HResult CFakeDirectSound::CreateSoundBuffer(DSDevice device, const SDSBufferDesc& desc,
@@ -126,6 +133,12 @@ HResult CFakeDirectSound::CreateSoundBuffer(DSDevice device, const SDSBufferDesc
   HResult result = 0;
   if (TakeFailure(kDSCreateBuffer, result)) return result;
   lastBufferFlags_ = desc.flags;
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    // The latest few: long runs measure their memory.
+    if (bufferFlags_.size() >= kKeptBufferFlags) bufferFlags_.erase(bufferFlags_.begin());
+    bufferFlags_.push_back(desc.flags);
+  }
   if (desc.size != 24) return kInvalidArgument;
   if ((desc.flags & kBufferGlobalFocus) != 0 && refuseGlobalFocus) return kInvalidArgument;
   auto* created = new SBufferObject();

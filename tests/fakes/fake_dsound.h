@@ -81,6 +81,11 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
   int32_t LiveDevices() const { return liveDevices_.load(); }
   int32_t LiveBuffers() const { return liveBuffers_.load(); }
   uint32_t LastBufferFlags() const { return lastBufferFlags_.load(); }
+  // The flags of the latest CreateSoundBuffer calls (up to 64), in order, and
+  // the window and level of the last SetCooperativeLevel.
+  std::vector<uint32_t> BufferFlagsAsked();
+  void* CooperativeWindow() const { return cooperativeWindow_.load(); }
+  uint32_t CooperativeLevel() const { return cooperativeLevel_.load(); }
   // 16-bit samples of the ring at a frame, left then right.
   std::pair<int16_t, int16_t> RingFrame(int32_t frame);
   bool Playing() const { return playing_.load(); }
@@ -141,6 +146,10 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
   std::atomic<int32_t> liveDevices_{0};
   std::atomic<int32_t> liveBuffers_{0};
   std::atomic<uint32_t> lastBufferFlags_{0};
+  static constexpr size_t kKeptBufferFlags = 64;
+  std::vector<uint32_t> bufferFlags_;
+  std::atomic<void*> cooperativeWindow_{nullptr};
+  std::atomic<uint32_t> cooperativeLevel_{0};
   std::atomic<SBufferObject*> secondary_{nullptr};
   std::atomic<bool> playing_{false};
   std::atomic<uint32_t> cursorBytes_{0};
