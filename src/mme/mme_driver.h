@@ -58,6 +58,8 @@ class COpenMMESoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   uint32_t UnderrunCount() const { return underruns_.load(); }
   uint32_t BlocksWritten() const { return blocksWritten_.load(); }
   int32_t TargetBlockCount() const { return targetBlocks_.load(); }
+  // Blocks with the device now; on the thread that opens and closes.
+  uint32_t QueuedBlocks() const { return StreamOpen() ? QueueCount() : 0; }
   bool StreamOpen() const { return waveOut_ != nullptr; }
   // One pass of the pump; true when it wrote something.
   bool StreamPump();
