@@ -1,6 +1,7 @@
 #include "asio/asio_driver_list.h"
 
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "driver/com_result.h"
@@ -88,21 +89,31 @@ int32_t ReadRegistryText(IASIOPlatform& platform, RegistryKey key, const char16_
   return kRegistryOk;
 }
 
-CASIODriverList::CASIODriverList(IASIOPlatform& platform) : platform_(platform) { Scan(); }
+CASIODriverList::CASIODriverList(IASIOPlatform& platform) : platform_(platform) {
+  try {
+    Scan();
+  } catch (...) {
+    // A scan that ran out of memory half way leaves no record behind.
+    FreeRecords();
+    throw;
+  }
+}
 
 CASIODriverList::~CASIODriverList() {
-  if (numDrivers_ == 0) return;
-  // Last to first, as they were made.
-  std::vector<CASIODriverRecord*> records;
-  for (CASIODriverRecord* record = first_; record != nullptr; record = record->next) {
-    records.push_back(record);
+  FreeRecords();
+  if (numDrivers_ != 0) platform_.CoUninitialize();
+}
+
+void CASIODriverList::FreeRecords() {
+  // Last to first, as they were made; walked again for each, so that
+  // freeing needs no memory of its own.
+  while (first_ != nullptr) {
+    CASIODriverRecord** last = &first_;
+    while ((*last)->next != nullptr) last = &(*last)->next;
+    if ((*last)->asioDriver != nullptr) (*last)->asioDriver->Release();
+    delete *last;
+    *last = nullptr;
   }
-  for (auto it = records.rbegin(); it != records.rend(); ++it) {
-    if ((*it)->asioDriver != nullptr) (*it)->asioDriver->Release();
-    delete *it;
-  }
-  first_ = nullptr;
-  platform_.CoUninitialize();
 }
 
 void CASIODriverList::Scan() {
@@ -137,8 +148,8 @@ CASIODriverRecord* CASIODriverList::ScanDriverKey(RegistryKey parent, const CWid
   }
   CWideString path;
   if (FindDriverModule(clsidText, path, kPathBytes) != 0) return nullptr;
-  CASIODriverRecord* record = new (std::nothrow) CASIODriverRecord();
-  if (record == nullptr) return nullptr;
+  std::unique_ptr<CASIODriverRecord> record(new (std::nothrow) CASIODriverRecord());
+  if (!record) return nullptr;
   record->drvID = drvID;
   CWideString again;
   SGuid clsid = {};
@@ -150,7 +161,7 @@ CASIODriverRecord* CASIODriverList::ScanDriverKey(RegistryKey parent, const CWid
       kRegistryOk) {
     record->driverName = subkey;
   }
-  return record;
+  return record.release();
 }
 
 int32_t CASIODriverList::FindDriverModule(CWideString clsidText, CWideString& path,

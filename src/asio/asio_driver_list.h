@@ -75,6 +75,7 @@ class CASIODriverList {
 
  private:
   void Scan();
+  void FreeRecords();
   CASIODriverRecord* ScanDriverKey(RegistryKey parent, const CWideString& subkey, int32_t drvID);
   int32_t FindDriverModule(CWideString clsidText, CWideString& path, uint32_t pathBytes);
   CASIODriverRecord* Record(int32_t index) const;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 
 #include "driver/null_driver.h"
 #include "failure/builder.h"
@@ -32,7 +33,9 @@ struct SOwner {
 }  // namespace
 
 CInternalSoundDriverRegistry::CInternalSoundDriverRegistry() {
-  Add(new CNullRegisteredDriver());
+  // Until the list has it, the driver is this constructor's to delete.
+  std::unique_ptr<CNullRegisteredDriver> null(new CNullRegisteredDriver());
+  if (Add(null.get())) null.release();
 }
 
 CInternalSoundDriverRegistry::~CInternalSoundDriverRegistry() {
