@@ -214,14 +214,19 @@ HResult CFakeDirectSound::Lock(DSBuffer buffer, uint32_t offset, uint32_t bytes,
   *firstBytes = bytes < tail ? bytes : tail;
   *second = bytes > tail ? object->ring.data() : nullptr;
   *secondBytes = bytes > tail ? bytes - tail : 0;
-  if (playing_) {
-    const uint32_t index = writeCount_.fetch_add(1);
-    if (index < 1024) writes_[index] = bytes / 4;
-  }
   return 0;
 }
 
-HResult CFakeDirectSound::Unlock(DSBuffer, void*, uint32_t, void*, uint32_t) {
+HResult CFakeDirectSound::Unlock(DSBuffer, void*, uint32_t firstBytes, void*,
+                                 uint32_t secondBytes) {
+  // A write counts once its bytes are in the ring: a test that sees the
+  // count may read them.
+  // One writer, the pump: the size is stored before the count shows it.
+  if (playing_) {
+    const uint32_t index = writeCount_.load();
+    if (index < 1024) writes_[index] = (firstBytes + secondBytes) / 4;
+    writeCount_.store(index + 1);
+  }
   HResult result = 0;
   if (TakeFailure(kDSUnlock, result)) return result;
   return 0;

@@ -76,7 +76,8 @@ class CFakeDirectSound final : public NSDirectSound::IDirectSoundApi {
   // Lock answers "lost" from now on; Restore refuses `refusals` times (-1:
   // for good) and then brings the buffer back.
   void LoseBuffer(int32_t refusals);
-  // The sizes in frames of the block writes (Lock calls after the silence).
+  // The sizes in frames of the block writes while playing, each counted once
+  // its bytes are in the ring.
   std::vector<uint32_t> Writes();
   int32_t LiveDevices() const { return liveDevices_.load(); }
   int32_t LiveBuffers() const { return liveBuffers_.load(); }
