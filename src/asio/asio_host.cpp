@@ -24,6 +24,9 @@ const uint32_t kOfferedRates[5] = {44100, 48000, 88200, 96000, 192000};
 namespace {
 
 constexpr int32_t kMaxClockSources = 100;
+constexpr uint32_t kRateCheckMs = 3000;
+// How long a refused wait for the run lock is asked again, as any handover.
+constexpr uint32_t kRunLockRetryMs = 5000;
 
 // One render's passage through the host's gate, counted while inside so that
 // the control thread can wait for it to leave. Sequentially consistent on
@@ -46,9 +49,6 @@ class CRenderPass {
   std::atomic<int32_t>& inside_;
   bool entered_ = false;
 };
-constexpr uint32_t kRateCheckMs = 3000;
-// How long a refused wait for the run lock is asked again, as any handover.
-constexpr uint32_t kRunLockRetryMs = 5000;
 
 [[noreturn]] void RaiseOpen() { RaiseFailure(NSMarlet::XOpen(), NSMarlet::TargetWordAudioDriver()); }
 // A plain failure with no text of its own.
