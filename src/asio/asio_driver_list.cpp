@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "driver/com_result.h"
 
@@ -10,6 +11,7 @@ namespace NSASIO {
 
 CASIODriverList* driverList = nullptr;
 std::atomic<IASIO*> currentDriver{nullptr};
+CASIOCallThread* currentCalls = nullptr;
 int32_t asioState = kASIOStateUnloaded;
 void* hostWindow = nullptr;
 
@@ -19,8 +21,31 @@ constexpr uint32_t kSubkeyUnits = 128;
 constexpr uint32_t kClassKeyUnits = 512;
 constexpr uint32_t kValueBytes = 256;
 constexpr uint32_t kPathBytes = 512;
+// More clock sources than this are not asked for.
+constexpr int32_t kMaxClockSourcesAsked = 1024;
 
 IASIO* Current() { return currentDriver.load(std::memory_order_acquire); }
+
+// Runs `work` on the current driver's thread; false when it was not asked
+// or gave no answer in time.
+template <class Work, class Result>
+bool OnDriverThread(uint32_t deadlineMs, const Work& work, Result& result) {
+  if (currentCalls == nullptr) return false;
+  return currentCalls->Call(deadlineMs, work, result) == kCallAnswered;
+}
+
+// Releases a driver on its thread and ends the thread.
+void ReleaseOnItsThread(IASIO* driver, CASIOCallThread* calls) {
+  if (calls == nullptr) {
+    if (driver != nullptr) driver->Release();
+    return;
+  }
+  if (driver != nullptr) {
+    uint32_t left = 0;
+    calls->Call(kStreamCallMs, [driver] { return driver->Release(); }, left);
+  }
+  CASIOCallThread::Finish(calls);
+}
 
 // Class ids are hexadecimal text: folding the seven-bit letters is what
 // any locale's table does to them.
@@ -99,10 +124,7 @@ CASIODriverList::CASIODriverList(IASIOPlatform& platform) : platform_(platform) 
   }
 }
 
-CASIODriverList::~CASIODriverList() {
-  FreeRecords();
-  if (numDrivers_ != 0) platform_.CoUninitialize();
-}
+CASIODriverList::~CASIODriverList() { FreeRecords(); }
 
 void CASIODriverList::FreeRecords() {
   // Last to first, as they were made; walked again for each, so that
@@ -110,8 +132,10 @@ void CASIODriverList::FreeRecords() {
   while (first_ != nullptr) {
     CASIODriverRecord** last = &first_;
     while ((*last)->next != nullptr) last = &(*last)->next;
-    if ((*last)->asioDriver != nullptr) (*last)->asioDriver->Release();
-    delete *last;
+    CASIODriverRecord* record = *last;
+    if (record->calls == currentCalls) currentCalls = nullptr;
+    ReleaseOnItsThread(record->asioDriver, record->calls);
+    delete record;
     *last = nullptr;
   }
 }
@@ -132,8 +156,6 @@ void CASIODriverList::Scan() {
     }
   }
   for (CASIODriverRecord* record = first_; record != nullptr; record = record->next) ++numDrivers_;
-  // A machine without drivers leaves COM alone.
-  if (numDrivers_ != 0) platform_.CoInitialize();
 }
 
 CASIODriverRecord* CASIODriverList::ScanDriverKey(RegistryKey parent, const CWideString& subkey,
@@ -235,12 +257,38 @@ int32_t CASIODriverList::OpenDriverAt(int32_t index, IASIO** driver) {
   CASIODriverRecord* record = Record(index);
   if (record == nullptr) return kDriverListNoSuchDriver;
   if (record->asioDriver != nullptr) return kDriverListAlreadyOpen;
-  void* object = nullptr;
-  const HResult result =
-      platform_.CoCreateInstance(record->clsid, kContextInprocServer, record->clsid, &object);
-  if (NSFerrand::ComFailed(result)) return result;
-  if (object == nullptr) return kHResultNoInterface;
-  record->asioDriver = static_cast<IASIO*>(object);
+  if (IsQuarantined(record->clsid)) return kHResultFail;
+  CASIOCallThread* calls = nullptr;
+  try {
+    calls = new CASIOCallThread(platform_, record->clsid);
+  } catch (...) {
+    return kHResultOutOfMemory;
+  }
+  struct SCreated {
+    HResult result = kHResultFail;
+    void* object = nullptr;
+  } created;
+  IASIOPlatform* platform = &platform_;
+  const SGuid clsid = record->clsid;
+  const ECallEnd end = calls->Call(
+      kCreateCallMs,
+      [platform, clsid, calls] {
+        SCreated answer;
+        NSPlatform::ModuleSnapshot before;
+        NSPlatform::TakeModuleSnapshot(before);
+        answer.result = platform->CoCreateInstance(clsid, kContextInprocServer, clsid, &answer.object);
+        if (answer.object != nullptr) calls->ClaimModules(*static_cast<void**>(answer.object), before);
+        return answer;
+      },
+      created);
+  if (end != kCallAnswered || NSFerrand::ComFailed(created.result) || created.object == nullptr) {
+    ReleaseOnItsThread(end == kCallAnswered ? static_cast<IASIO*>(created.object) : nullptr, calls);
+    if (end != kCallAnswered) return kHResultFail;
+    return NSFerrand::ComFailed(created.result) ? created.result : kHResultNoInterface;
+  }
+  record->asioDriver = static_cast<IASIO*>(created.object);
+  record->calls = calls;
+  calls->SetDriver(record->asioDriver);
   *driver = record->asioDriver;
   return 0;
 }
@@ -249,8 +297,11 @@ int32_t CASIODriverList::CloseDriverAt(int32_t index) {
   CASIODriverRecord* record = Record(index);
   if (record == nullptr || record->asioDriver == nullptr) return 0;
   IASIO* driver = record->asioDriver;
+  CASIOCallThread* calls = record->calls;
   record->asioDriver = nullptr;
-  driver->Release();
+  record->calls = nullptr;
+  if (calls == currentCalls) currentCalls = nullptr;
+  ReleaseOnItsThread(driver, calls);
   return 0;
 }
 
@@ -274,6 +325,8 @@ bool CASIODriverList::LoadDriverByName(const CWideString& name) {
   IASIO* driver = nullptr;
   if (OpenDriverAt(index, &driver) == 0) {
     currentDriver.store(driver, std::memory_order_release);
+    const CASIODriverRecord* record = Record(index);
+    currentCalls = record != nullptr ? record->calls : nullptr;
     currentIndex_ = index;
     return true;
   }
@@ -345,7 +398,11 @@ ASIOError ASIOInit(ASIODriverInfo& info) {
   std::strcpy(info.name, "No ASIO Driver");
   IASIO* driver = Current();
   if (driver == nullptr) return ASE_NotPresent;
-  if (driver->init(info.sysRef) != 0) {
+  void* const sysRef = info.sysRef;
+  ASIOBool initialised = 0;
+  if (OnDriverThread(kCreateCallMs, [driver, sysRef] { return driver->init(sysRef); },
+                     initialised) &&
+      initialised != 0) {
     std::memset(info.errorMessage, 0, sizeof info.errorMessage);
     std::strcpy(info.errorMessage, "No ASIO Driver Error");
     CASIOCallLayer::getDriverName(info.name);
@@ -372,96 +429,234 @@ void ASIOExit() {
   currentDriver.store(nullptr, std::memory_order_release);
 }
 
+bool CASIOCallLayer::Quarantined() { return currentCalls != nullptr && currentCalls->Quarantined(); }
+
+bool CASIOCallLayer::Busy() { return currentCalls != nullptr && currentCalls->Busy(); }
+
 ASIOBool CASIOCallLayer::init(void* sysRef) {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->init(sysRef);
+  ASIOBool answer = 0;
+  if (driver == nullptr ||
+      !OnDriverThread(kCreateCallMs, [driver, sysRef] { return driver->init(sysRef); }, answer)) {
+    return ASE_NotPresent;
+  }
+  return answer;
 }
+
+namespace {
+
+// A text the driver writes into a buffer of its own size.
+struct SText {
+  char text[128];
+};
+
+}  // namespace
 
 void CASIOCallLayer::getDriverName(char* name) {
   IASIO* driver = Current();
-  if (driver != nullptr) driver->getDriverName(name);
+  SText answer = {};
+  if (driver == nullptr || !OnDriverThread(kQueryCallMs, [driver] {
+        SText named = {};
+        driver->getDriverName(named.text);
+        return named;
+      }, answer)) {
+    return;
+  }
+  std::memcpy(name, answer.text, 32);
 }
 
 int32_t CASIOCallLayer::getDriverVersion() {
   IASIO* driver = Current();
-  return driver == nullptr ? 0 : driver->getDriverVersion();
+  int32_t version = 0;
+  if (driver == nullptr ||
+      !OnDriverThread(kQueryCallMs, [driver] { return driver->getDriverVersion(); }, version)) {
+    return 0;
+  }
+  return version;
 }
 
 void CASIOCallLayer::getErrorMessage(char* text) {
   IASIO* driver = Current();
-  if (driver != nullptr) driver->getErrorMessage(text);
+  SText answer = {};
+  if (driver == nullptr || !OnDriverThread(kQueryCallMs, [driver] {
+        SText message = {};
+        driver->getErrorMessage(message.text);
+        return message;
+      }, answer)) {
+    return;
+  }
+  std::memcpy(text, answer.text, 124);
 }
 
 ASIOError CASIOCallLayer::start() {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->start();
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr ||
+      !OnDriverThread(kStreamCallMs, [driver] { return driver->start(); }, result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
 
 ASIOError CASIOCallLayer::stop() {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->stop();
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr ||
+      !OnDriverThread(kStreamCallMs, [driver] { return driver->stop(); }, result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
+
+namespace {
+
+struct SPair {
+  ASIOError result;
+  int32_t first;
+  int32_t second;
+};
+
+struct SSizes {
+  ASIOError result;
+  int32_t minimum;
+  int32_t maximum;
+  int32_t preferred;
+  int32_t granularity;
+};
+
+}  // namespace
 
 ASIOError CASIOCallLayer::getChannels(int32_t* inputs, int32_t* outputs) {
   IASIO* driver = Current();
-  if (driver == nullptr) {
+  SPair answer = {ASE_NotPresent, *inputs, *outputs};
+  if (driver == nullptr || !OnDriverThread(kQueryCallMs, [driver, answer] {
+        SPair asked = answer;
+        asked.result = driver->getChannels(&asked.first, &asked.second);
+        return asked;
+      }, answer)) {
     *inputs = 0;
     *outputs = 0;
     return ASE_NotPresent;
   }
-  return driver->getChannels(inputs, outputs);
+  *inputs = answer.first;
+  *outputs = answer.second;
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::getLatencies(int32_t* input, int32_t* output) {
   IASIO* driver = Current();
-  if (driver == nullptr) {
+  SPair answer = {ASE_NotPresent, *input, *output};
+  if (driver == nullptr || !OnDriverThread(kQueryCallMs, [driver, answer] {
+        SPair asked = answer;
+        asked.result = driver->getLatencies(&asked.first, &asked.second);
+        return asked;
+      }, answer)) {
     *input = 0;
     *output = 0;
     return ASE_NotPresent;
   }
-  return driver->getLatencies(input, output);
+  *input = answer.first;
+  *output = answer.second;
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::getBufferSize(int32_t* minimum, int32_t* maximum, int32_t* preferred,
                                         int32_t* granularity) {
   IASIO* driver = Current();
-  if (driver == nullptr) {
+  SSizes answer = {ASE_NotPresent, *minimum, *maximum, *preferred, *granularity};
+  if (driver == nullptr || !OnDriverThread(kQueryCallMs, [driver, answer] {
+        SSizes asked = answer;
+        asked.result = driver->getBufferSize(&asked.minimum, &asked.maximum, &asked.preferred,
+                                             &asked.granularity);
+        return asked;
+      }, answer)) {
     *minimum = 0;
     *maximum = 0;
     *preferred = 0;
     *granularity = 0;
     return ASE_NotPresent;
   }
-  return driver->getBufferSize(minimum, maximum, preferred, granularity);
+  *minimum = answer.minimum;
+  *maximum = answer.maximum;
+  *preferred = answer.preferred;
+  *granularity = answer.granularity;
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::canSampleRate(ASIOSampleRate rate) {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->canSampleRate(rate);
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr ||
+      !OnDriverThread(kQueryCallMs, [driver, rate] { return driver->canSampleRate(rate); },
+                      result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
 
 ASIOError CASIOCallLayer::getSampleRate(ASIOSampleRate* rate) {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->getSampleRate(rate);
+  struct SRate {
+    ASIOError result;
+    ASIOSampleRate rate;
+  } answer = {ASE_NotPresent, *rate};
+  if (driver == nullptr || !OnDriverThread(kQueryCallMs, [driver, answer] {
+        SRate asked = answer;
+        asked.result = driver->getSampleRate(&asked.rate);
+        return asked;
+      }, answer)) {
+    return ASE_NotPresent;
+  }
+  *rate = answer.rate;
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::setSampleRate(ASIOSampleRate rate) {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->setSampleRate(rate);
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr ||
+      !OnDriverThread(kStreamCallMs, [driver, rate] { return driver->setSampleRate(rate); },
+                      result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
 
 ASIOError CASIOCallLayer::getClockSources(ASIOClockSource* clocks, int32_t* count) {
   IASIO* driver = Current();
-  if (driver == nullptr) {
+  if (driver == nullptr || *count < 0 || *count > kMaxClockSourcesAsked) {
     *count = 0;
     return ASE_NotPresent;
   }
-  return driver->getClockSources(clocks, count);
+  struct SClocks {
+    ASIOError result = ASE_NotPresent;
+    int32_t count = 0;
+    std::vector<ASIOClockSource> clocks;
+  } answer;
+  answer.count = *count;
+  answer.clocks.assign(clocks, clocks + *count);
+  if (!OnDriverThread(kQueryCallMs, [driver, answer] {
+        SClocks asked = answer;
+        asked.result = driver->getClockSources(asked.clocks.data(), &asked.count);
+        return asked;
+      }, answer)) {
+    *count = 0;
+    return ASE_NotPresent;
+  }
+  std::memcpy(clocks, answer.clocks.data(), answer.clocks.size() * sizeof(ASIOClockSource));
+  *count = answer.count;
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::setClockSource(int32_t reference) {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->setClockSource(reference);
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr || !OnDriverThread(kStreamCallMs, [driver, reference] {
+        return driver->setClockSource(reference);
+      }, result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
 
 ASIOError CASIOCallLayer::getSamplePosition(ASIOSamples* position, ASIOTimeStamp* stamp) {
@@ -471,42 +666,107 @@ ASIOError CASIOCallLayer::getSamplePosition(ASIOSamples* position, ASIOTimeStamp
 
 ASIOError CASIOCallLayer::getChannelInfo(ASIOChannelInfo* info) {
   IASIO* driver = Current();
-  if (driver == nullptr) {
+  struct SInfo {
+    ASIOError result;
+    ASIOChannelInfo info;
+  } answer = {ASE_NotPresent, *info};
+  if (driver == nullptr || !OnDriverThread(kQueryCallMs, [driver, answer] {
+        SInfo asked = answer;
+        asked.result = driver->getChannelInfo(&asked.info);
+        return asked;
+      }, answer)) {
     info->channelGroup = -1;
     info->type = 0;
     std::memset(info->name, 0, sizeof info->name);
     std::strcpy(info->name, "None");
     return ASE_NotPresent;
   }
-  return driver->getChannelInfo(info);
+  *info = answer.info;
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::createBuffers(ASIOBufferInfo* infos, int32_t count, int32_t frames,
                                         ASIOCallbacks* callbacks) {
   IASIO* driver = Current();
-  if (driver == nullptr) {
+  struct SBuffers {
+    ASIOError result = ASE_NotPresent;
+    std::vector<ASIOBufferInfo> infos;
+  } answer;
+  bool answered = false;
+  if (driver != nullptr && count >= 0) {
+    answer.infos.assign(infos, infos + count);
+    // The driver keeps the table of this load, which outlives it.
+    ASIOCallbacks* table = currentCalls != nullptr ? currentCalls->CallbacksFor(callbacks) : nullptr;
+    answered = OnDriverThread(kStreamCallMs, [driver, answer, frames, table] {
+      SBuffers asked = answer;
+      asked.result = driver->createBuffers(asked.infos.data(),
+                                           static_cast<int32_t>(asked.infos.size()), frames, table);
+      return asked;
+    }, answer);
+  }
+  if (!answered) {
     for (int32_t i = 0; i < count; ++i) {
       infos[i].buffers[0] = nullptr;
       infos[i].buffers[1] = nullptr;
     }
     return ASE_NotPresent;
   }
-  return driver->createBuffers(infos, count, frames, callbacks);
+  std::memcpy(infos, answer.infos.data(), answer.infos.size() * sizeof(ASIOBufferInfo));
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::disposeBuffers() {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->disposeBuffers();
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr ||
+      !OnDriverThread(kStreamCallMs, [driver] { return driver->disposeBuffers(); }, result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
 
 ASIOError CASIOCallLayer::controlPanel() {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->controlPanel();
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr ||
+      !OnDriverThread(kPanelCallMs, [driver] { return driver->controlPanel(); }, result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
 
 ASIOError CASIOCallLayer::future(int32_t selector, void* opt) {
   IASIO* driver = Current();
-  return driver == nullptr ? ASE_NotPresent : driver->future(selector, opt);
+  if (driver == nullptr) return ASE_NotPresent;
+  // The two selectors asked: a monitor record goes in, a 32-bit answer comes
+  // back. Either travels by value.
+  struct SFuture {
+    ASIOError result = ASE_NotPresent;
+    ASIOInputMonitor monitor = {};
+    uint32_t answer = 0;
+  } answer;
+  if (selector == kAsioSetInputMonitor && opt != nullptr) {
+    answer.monitor = *static_cast<const ASIOInputMonitor*>(opt);
+  } else if (opt != nullptr) {
+    std::memcpy(&answer.answer, opt, sizeof answer.answer);
+  }
+  const bool withRecord = opt != nullptr;
+  if (!OnDriverThread(kQueryCallMs, [driver, selector, answer, withRecord] {
+        SFuture asked = answer;
+        void* record = nullptr;
+        if (withRecord) {
+          record = selector == kAsioSetInputMonitor ? static_cast<void*>(&asked.monitor)
+                                                    : static_cast<void*>(&asked.answer);
+        }
+        asked.result = driver->future(selector, record);
+        return asked;
+      }, answer)) {
+    return ASE_NotPresent;
+  }
+  if (opt != nullptr && selector != kAsioSetInputMonitor) {
+    std::memcpy(opt, &answer.answer, sizeof answer.answer);
+  }
+  return answer.result;
 }
 
 ASIOError CASIOCallLayer::outputReady() {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "asio/asio_call_thread.h"
 #include "asio/asio_interface.h"
 #include "asio/asio_platform.h"
 #include "text/wide_text.h"
@@ -45,6 +46,8 @@ struct CASIODriverRecord {
   CWideString dllPath;  // stays empty
   CWideString driverName;
   IASIO* asioDriver = nullptr;
+  // The thread every call into asioDriver runs on, while it exists.
+  CASIOCallThread* calls = nullptr;
   CASIODriverRecord* next = nullptr;
 };
 
@@ -61,7 +64,11 @@ class CASIODriverList {
   // At most `max` names, in list order; gives their count.
   int32_t GetDriverNames(std::vector<CWideString>& names, int32_t max) const;
   bool GetCurrentDriverName(CWideString& name) const;
+  // Creates the driver on a thread of its own. A quarantined class is not
+  // created again: kHResultFail.
   int32_t OpenDriverAt(int32_t index, IASIO** driver);
+  // Releases the driver on its thread and ends the thread; a quarantined
+  // driver is abandoned as it is.
   int32_t CloseDriverAt(int32_t index);
   void CloseCurrentDriver();
   // Makes the named driver current; on failure brings the former one back.
@@ -90,6 +97,8 @@ class CASIODriverList {
 // only reads `currentDriver`, which stays put while a run is active.
 extern CASIODriverList* driverList;
 extern std::atomic<IASIO*> currentDriver;
+// The thread of the current driver, for the control thread.
+extern CASIOCallThread* currentCalls;
 extern int32_t asioState;
 extern void* hostWindow;
 
@@ -119,7 +128,14 @@ void ASIOExit();
 
 // One function per operation of the current driver. Without one each
 // answers ASE_NotPresent, its outputs made harmless first.
+// Every call but the three the buffer switch makes runs on the driver's
+// thread within its deadline; a quarantined or busy driver is not asked, and
+// those calls answer ASE_NotPresent.
 struct CASIOCallLayer {
+  // The current driver was quarantined: it missed a deadline or crashed.
+  static bool Quarantined();
+  // Its panel is open on its thread.
+  static bool Busy();
   static ASIOBool init(void* sysRef);
   static void getDriverName(char* name);
   static int32_t getDriverVersion();

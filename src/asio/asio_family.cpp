@@ -112,16 +112,36 @@ bool ProbeHardwareIdentity(const CWideString& name, std::string& identity) {
   identity.clear();
   SGuid clsid = {};
   if (driverList == nullptr || !FindDriverClsid(name, clsid)) return false;
-  IASIOPlatform& platform = driverList->Platform();
-  void* object = nullptr;
-  if (NSFerrand::ComFailed(platform.CoCreateInstance(clsid, kContextInprocServer, clsid, &object)) ||
-      object == nullptr) {
-    return false;
-  }
-  auto* driver = static_cast<IASIO*>(object);
-  const bool answered = AskHardwareIdentity(driver, platform, identity);
-  driver->Release();
-  return answered;
+  if (IsQuarantined(clsid)) return false;
+  IASIOPlatform* platform = &driverList->Platform();
+  // The driver is made, asked and released on a thread of its own, as for
+  // any load.
+  CASIOCallThread* calls = new CASIOCallThread(*platform, clsid);
+  struct SProbe {
+    bool answered = false;
+    std::string identity;
+  } probe;
+  calls->Call(kCreateCallMs, [platform, clsid, calls] {
+    SProbe asked;
+    void* object = nullptr;
+    NSPlatform::ModuleSnapshot before;
+    NSPlatform::TakeModuleSnapshot(before);
+    if (NSFerrand::ComFailed(
+            platform->CoCreateInstance(clsid, kContextInprocServer, clsid, &object)) ||
+        object == nullptr) {
+      return asked;
+    }
+    calls->ClaimModules(*static_cast<void**>(object), before);
+    auto* driver = static_cast<IASIO*>(object);
+    calls->SetDriver(driver);
+    asked.answered = AskHardwareIdentity(driver, *platform, asked.identity);
+    calls->SetDriver(nullptr);
+    driver->Release();
+    return asked;
+  }, probe);
+  CASIOCallThread::Finish(calls);
+  identity = probe.identity;
+  return probe.answered;
 }
 
 CASIORegisteredSoundDriver::CASIORegisteredSoundDriver(const CWideString& driverName,

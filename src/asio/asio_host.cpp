@@ -181,8 +181,13 @@ void CASIODriverHost::LoadAndInitDriver() {
   std::string identity;
   try {
     IASIO* driver = currentDriver.load();
-    if (hardwareContext_ != nullptr && driver != nullptr) {
-      AskHardwareIdentity(driver, driverList->Platform(), identity);
+    if (hardwareContext_ != nullptr && driver != nullptr && currentCalls != nullptr) {
+      IASIOPlatform* platform = &driverList->Platform();
+      currentCalls->Call(kCreateCallMs, [driver, platform] {
+        std::string named;
+        AskHardwareIdentity(driver, *platform, named);
+        return named;
+      }, identity);
     }
     ASIODriverInfo info;
     std::memset(&info, 0, sizeof info);
@@ -469,6 +474,12 @@ bool CASIODriverHost::ShowPanel() {
 }
 
 void CASIODriverHost::PeriodicCheck() {
+  // A driver that missed a deadline or crashed is lost; one whose panel is
+  // open is healthy and is asked nothing until it closes.
+  if (CASIOCallLayer::Quarantined()) {
+    RaiseFailure(NSMarlet::XNotReady(), NSMarlet::TargetWordAudioDriver());
+  }
+  if (CASIOCallLayer::Busy()) return;
   if (resetRequested_.exchange(false) && asioState == kASIOStateRunning) RestartDriver();
   if (renderFailed_) RaiseFailure(NSMarlet::XNotReady(), NSMarlet::TargetWordAudioDriver());
   const int32_t now = static_cast<int32_t>(ticks_());

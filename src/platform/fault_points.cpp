@@ -15,7 +15,8 @@ const char* const kNames[kPlatformCallCount] = {
     "NewMutex",          "WaitMutex",          "ReleaseMutex",     "NewEvent",
     "SetEvent",          "WaitEvent",          "StartThread",      "JoinThreadFor",
     "SetThreadAffinity", "EnterRealtimeClass", "BeginTimerPeriod", "EndTimerPeriod",
-    "IsUsableWindow",    "MultiByteToWide",    "WideToMultiByte",  "CompareLocaleText"};
+    "IsUsableWindow",    "MultiByteToWide",    "WideToMultiByte",  "CompareLocaleText",
+    "WaitEventPumping"};
 
 }  // namespace
 

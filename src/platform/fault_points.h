@@ -27,6 +27,7 @@ enum EPlatformCall : uint32_t {
   kCallMultiByteToWide,
   kCallWideToMultiByte,
   kCallCompareLocaleText,
+  kCallWaitEventPumping,
   kPlatformCallCount
 };
 

@@ -29,6 +29,9 @@ SEvent* NewEvent(bool manualReset, bool initiallySet);
 void DestroyEvent(SEvent* event);
 bool SetEvent(SEvent* event);
 EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds);
+// As WaitEvent, for a thread that owns windows: the messages sent or posted
+// to the thread are dispatched while it waits. Elsewhere, as WaitEvent.
+EWaitResult WaitEventPumping(SEvent* event, uint32_t milliseconds);
 
 }  // namespace NSPlatform
 

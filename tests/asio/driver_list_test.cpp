@@ -29,7 +29,7 @@ TEST_F(DriverListTest, NoASIOKeyListsNothingAndLeavesCOMAlone) {
   EXPECT_EQ(platform.Calls(Fakes::kPlatformCoUninitialize), 0u);
 }
 
-TEST_F(DriverListTest, DriversGetTheirNumbersInOrderAndCOMOnce) {
+TEST_F(DriverListTest, DriversGetTheirNumbersInOrderAndTheListLeavesCOMAlone) {
   Add(u"First", 1);
   Add(u"Second", 2);
   Load();
@@ -40,10 +40,39 @@ TEST_F(DriverListTest, DriversGetTheirNumbersInOrderAndCOMOnce) {
   EXPECT_TRUE(driverList->First()->dllPath.empty());
   EXPECT_EQ(Names(), (std::vector<CWideString>{u"First", u"Second"}));
   EXPECT_EQ(driverList->CurrentIndex(), -1);
-  EXPECT_EQ(platform.Calls(Fakes::kPlatformCoInitialize), 1u);
+  EXPECT_EQ(platform.Calls(Fakes::kPlatformCoInitialize), 0u);
   EXPECT_EQ(platform.OpenKeys(), 0);
   UnloadDriverList();
-  EXPECT_EQ(platform.Calls(Fakes::kPlatformCoUninitialize), 1u);
+  EXPECT_EQ(platform.Calls(Fakes::kPlatformCoUninitialize), 0u);
+}
+
+TEST_F(DriverListTest, EachDriverLivesOnAThreadOfItsOwnWithItsOwnApartment) {
+  auto first = Add(u"First", 1);
+  auto second = Add(u"Second", 2);
+  Load();
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(driverList->LoadDriverByName(round == 0 ? u"First" : u"Second"));
+    int32_t inputs = 0;
+    int32_t outputs = 0;
+    EXPECT_EQ(CASIOCallLayer::getChannels(&inputs, &outputs), ASE_OK);
+    EXPECT_EQ(outputs, 2);
+  }
+  driverList->CloseCurrentDriver();
+  const std::vector<std::thread::id> inits = platform.ComThreads(Fakes::kPlatformCoInitialize);
+  const std::vector<std::thread::id> uninits = platform.ComThreads(Fakes::kPlatformCoUninitialize);
+  // One apartment per load, begun and ended on that load's thread, never on
+  // the caller's.
+  ASSERT_EQ(inits.size(), 2u);
+  ASSERT_EQ(uninits.size(), 2u);
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_NE(inits[i], std::this_thread::get_id());
+    EXPECT_EQ(uninits[i], inits[i]);
+  }
+  // Creation, every call and the last release ran on the load's thread.
+  EXPECT_EQ(first->CallThreads(), std::set<std::thread::id>{inits[0]});
+  EXPECT_EQ(second->CallThreads(), std::set<std::thread::id>{inits[1]});
+  EXPECT_EQ(first->liveObjects.load(), 0);
+  EXPECT_EQ(second->liveObjects.load(), 0);
 }
 
 TEST_F(DriverListTest, AKeyWithoutClsidTakesNoNumber) {

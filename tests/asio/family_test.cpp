@@ -96,7 +96,9 @@ TEST_F(FamilyTest, TheScopeIsCountedAndTheLastOneRemovesTheFamily) {
   EXPECT_TRUE(Registered().empty());
   EXPECT_EQ(asioState, kASIOStateUnloaded);
   EXPECT_FALSE(CASIOFamilyScope::Exists());
-  EXPECT_EQ(platform.Calls(Fakes::kPlatformCoUninitialize), 1u);
+  // Listing creates no driver, and leaves COM to the drivers' own threads.
+  EXPECT_EQ(platform.Calls(Fakes::kPlatformCoInitialize), 0u);
+  EXPECT_EQ(platform.Calls(Fakes::kPlatformCoUninitialize), 0u);
 }
 
 TEST_F(FamilyTest, WithTheFilterADriverWithoutIdentityVanishesOnRefresh) {

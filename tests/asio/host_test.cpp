@@ -709,4 +709,36 @@ TEST_F(HostTest, ARefusedCOMInitialisationStillListsAndOpens) {
   EXPECT_EQ(asioState, kASIOStateRunning);
 }
 
+uint32_t farTicks = 0;
+uint32_t FarTicks() { return farTicks; }
+
+TEST_F(HostTest, WhileThePanelIsOpenThePeriodicCheckAsksNothingAndNeverWaits) {
+  auto device = Quiet();
+  auto host = Open();
+  host->SetTickSource(&FarTicks);
+  host->PeriodicCheck();
+  const uint64_t ratesAsked = device->Calls(Fakes::kAsioGetSampleRate);
+  device->holdPanel = true;
+  std::thread panel([&] { host->ShowPanel(); });
+  ASSERT_TRUE(WaitFor([&] { return device->panelOpen.load(); }));
+  // Every check is due for the rate poll; a panel left open for longer than
+  // any deadline is still a healthy driver.
+  for (int i = 0; i < 30; ++i) {
+    farTicks += 3001;
+    const auto started = std::chrono::steady_clock::now();
+    host->PeriodicCheck();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(device->Calls(Fakes::kAsioGetSampleRate), ratesAsked);
+  EXPECT_FALSE(CASIOCallLayer::Quarantined());
+  device->holdPanel = false;
+  panel.join();
+  EXPECT_FALSE(CASIOCallLayer::Quarantined());
+  farTicks += 3001;
+  host->PeriodicCheck();
+  EXPECT_GT(device->Calls(Fakes::kAsioGetSampleRate), ratesAsked);
+  EXPECT_EQ(asioState, kASIOStateRunning);
+}
+
 }  // namespace

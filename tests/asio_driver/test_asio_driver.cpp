@@ -70,6 +70,13 @@ struct SConfig {
   std::wstring slowCall;
   DWORD slowMs = 0;
   DWORD crashOnCreate = 0;
+  // A call that never returns ("hang"), or that faults ("crash"): create,
+  // init, getChannels, getBufferSize, createBuffers, start, stop,
+  // disposeBuffers, release, or any other call by its name.
+  std::wstring hang;
+  std::wstring crash;
+  DWORD crashAfter = 0;  // the streaming thread faults after that many buffers
+  DWORD neverCalls = 0;  // started, it never calls back
   DWORD identityMode = 0;  // 0 no interface, 1 the text, 2 a failure, 3 an empty text
   std::wstring identity;
   DWORD checkOutputs = 0;
@@ -148,6 +155,10 @@ bool LoadConfig(const SGuid& clsid, SConfig& config) {
       config.slowCall = ReadText(key, L"slowCall");
       config.slowMs = ReadNumber(key, L"slowMs", 0);
       config.crashOnCreate = ReadNumber(key, L"crashOnCreate", 0);
+      config.hang = ReadText(key, L"hang");
+      config.crash = ReadText(key, L"crash");
+      config.crashAfter = ReadNumber(key, L"crashAfter", 0);
+      config.neverCalls = ReadNumber(key, L"neverCalls", 0);
       config.identityMode = ReadNumber(key, L"identityMode", 0);
       config.identity = ReadText(key, L"identity");
       config.checkOutputs = ReadNumber(key, L"checkOutputs", 0);
@@ -198,6 +209,20 @@ void ExpectedBytes(DWORD type, float value, uint8_t* out) {
   }
 }
 
+// A fault of the driver's own code: a write through a null pointer.
+void Fault() {
+  volatile int* nowhere = nullptr;
+  *nowhere = 1;
+}
+
+// Hangs or faults when the settings say so for this call.
+void Misbehave(const SConfig& config, const wchar_t* call) {
+  if (!config.hang.empty() && SameText(config.hang, call)) {
+    for (;;) Sleep(INFINITE);
+  }
+  if (!config.crash.empty() && SameText(config.crash, call)) Fault();
+}
+
 void AddStat(uint64_t SQuillonTestDriverStats::*field, uint64_t amount = 1) {
   EnterCriticalSection(&gStatsLock);
   gStats.*field += amount;
@@ -230,6 +255,7 @@ class CTestDriver final : public IASIO, public IASIOHardwareIdentity {
   }
   uint32_t AddRef() override { return static_cast<uint32_t>(++references_); }
   uint32_t Release() override {
+    if (references_.load() == 1) Misbehave(config_, L"release");
     const long left = --references_;
     if (left == 0) delete this;
     return static_cast<uint32_t>(left);
@@ -263,6 +289,8 @@ class CTestDriver final : public IASIO, public IASIOHardwareIdentity {
   }
   ASIOError stop() override {
     ASIOError code = 0;
+    // A stop that never comes back leaves its thread calling.
+    Misbehave(config_, L"stop");
     StopThread();
     if (Refused(L"stop", code)) return code;
     return ASE_OK;
@@ -388,6 +416,7 @@ class CTestDriver final : public IASIO, public IASIOHardwareIdentity {
   }
   ASIOError disposeBuffers() override {
     ASIOError code = 0;
+    Misbehave(config_, L"disposeBuffers");
     StopThread();
     if (Refused(L"disposeBuffers", code)) return code;
     buffers_.clear();
@@ -426,6 +455,7 @@ class CTestDriver final : public IASIO, public IASIOHardwareIdentity {
     EnterCriticalSection(&gStatsLock);
     const uint32_t made = ++gCalls[config_.keyName + L"/" + name];
     LeaveCriticalSection(&gStatsLock);
+    Misbehave(config_, call);
     if (!config_.slowCall.empty() && SameText(config_.slowCall, name)) Sleep(config_.slowMs);
     size_t start = 0;
     while (start < config_.refuse.size()) {
@@ -475,6 +505,8 @@ class CTestDriver final : public IASIO, public IASIOHardwareIdentity {
       }
       if (!running_) break;
       if (config_.stopAfter != 0 && n > config_.stopAfter) continue;
+      if (config_.neverCalls != 0) continue;
+      if (config_.crashAfter != 0 && n > config_.crashAfter) Fault();
       if (n == 1) {
         // Asked on the first buffer, when the host is there to answer.
         timeInfo = callbacks_->asioMessage(kAsioSupportsTimeInfo, 0, nullptr, nullptr) == 1;
@@ -584,6 +616,7 @@ class CFactory final : public IClassFactoryLayout {
   }
   uint32_t AddRef() override { return static_cast<uint32_t>(++references_); }
   uint32_t Release() override {
+    if (references_.load() == 1) Misbehave(config_, L"release");
     const long left = --references_;
     if (left == 0) delete this;
     return static_cast<uint32_t>(left);
@@ -593,6 +626,7 @@ class CFactory final : public IClassFactoryLayout {
     if (outer != nullptr) return static_cast<HResult>(CLASS_E_NOAGGREGATION);
     SConfig config;
     LoadConfig(clsid_, config);
+    Misbehave(config, L"create");
     if (config.crashOnCreate != 0) {
       // A driver that takes its host down when made: listing must not make it.
       RaiseException(EXCEPTION_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);

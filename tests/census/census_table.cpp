@@ -77,6 +77,9 @@ void UseSystemEvent(CFakeWorld&) {
     NSFerrand::CSystemEvent event;
     event.Set();
     event.TimedWait(1);
+    // Set again before the endless wait: a refusal taken by another thread
+    // must not leave this one waiting for ever.
+    event.Set();
     event.Wait();
   } catch (const std::exception&) {
   }
@@ -254,6 +257,8 @@ void Build() {
   Platform(NSPlatform::kCallBeginTimerPeriod, u"No Sound");
   Platform(NSPlatform::kCallEndTimerPeriod, u"No Sound");
   Platform(NSPlatform::kCallIsUsableWindow, u"Box A");
+  // An ASIO driver's own thread waits for its calls with its messages pumped.
+  Platform(NSPlatform::kCallWaitEventPumping, u"Box A");
   Platform(NSPlatform::kCallMultiByteToWide, u"Box A");
   for (NSPlatform::EPlatformCall call :
        {NSPlatform::kCallCompareLocaleText, NSPlatform::kCallWideToMultiByte}) {

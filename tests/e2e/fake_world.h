@@ -81,6 +81,7 @@ class CFakeWorld {
     ZEPFake_ForgetLog();
     zepLinesCounted_ = 0;
     box->ForgetLog();
+    asio.ForgetComThreads();
     directSound.ForgetReleasedDevices();
     host.ForgetEvents();
   }

@@ -3,6 +3,7 @@
 #include "fakes/asio_sample_bytes.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 
 using namespace NSASIO;
@@ -72,6 +73,26 @@ bool SFakeASIODevice::TakeFailure(EASIOCall call, ASIOError& result) {
   return failures_.Take(call, result);
 }
 
+void SFakeASIODevice::MaybeHang(EASIOCall call) {
+  int32_t expected = static_cast<int32_t>(call);
+  if (!hangAt.compare_exchange_strong(expected, -1)) return;
+  ++hanging;
+  // Never set free: the gate outlives every test of the process.
+  static auto* gate = new std::pair<std::mutex, std::condition_variable>();
+  std::unique_lock<std::mutex> hold(gate->first);
+  gate->second.wait(hold, [] { return false; });
+}
+
+std::set<std::thread::id> SFakeASIODevice::CallThreads() {
+  std::lock_guard<std::mutex> hold(lock_);
+  return callThreads_;
+}
+
+void SFakeASIODevice::NoteCallThread() {
+  std::lock_guard<std::mutex> hold(lock_);
+  callThreads_.insert(std::this_thread::get_id());
+}
+
 std::vector<std::string> SFakeASIODevice::Log() {
   std::lock_guard<std::mutex> hold(lock_);
   return log_;
@@ -80,6 +101,7 @@ std::vector<std::string> SFakeASIODevice::Log() {
 void SFakeASIODevice::ForgetLog() {
   std::lock_guard<std::mutex> hold(lock_);
   std::vector<std::string>().swap(log_);
+  std::set<std::thread::id>().swap(callThreads_);
 }
 
 void SFakeASIODevice::Record(const std::string& entry) {
@@ -125,6 +147,8 @@ HResult CFakeASIODriver::QueryInterface(const SGuid& iid, void** object) {
 uint32_t CFakeASIODriver::AddRef() { return ++references_; }
 
 uint32_t CFakeASIODriver::Release() {
+  device_->NoteCallThread();
+  if (references_.load() == 1) device_->MaybeHang(kAsioRelease);
   const uint32_t left = --references_;
   if (left == 0) delete this;
   return left;
@@ -141,11 +165,15 @@ HResult CFakeASIODriver::GetHardwareIdentity(char16_t** identity) {
 }
 
 bool CFakeASIODriver::Failing(EASIOCall call, ASIOError& result) {
+  if (call != kAsioGetSamplePosition && call != kAsioOutputReady) device_->NoteCallThread();
+  device_->MaybeHang(call);
   ++device_->calls[call];
   return device_->TakeFailure(call, result);
 }
 
 ASIOBool CFakeASIODriver::init(void*) {
+  device_->NoteCallThread();
+  device_->MaybeHang(kAsioInit);
   ++device_->calls[kAsioInit];
   device_->Record("init");
   return device_->initResult;
@@ -174,6 +202,8 @@ ASIOError CFakeASIODriver::start() {
 ASIOError CFakeASIODriver::stop() {
   ASIOError result = ASE_OK;
   device_->Record("stop");
+  // A stop that never returns leaves the stream calling back.
+  device_->MaybeHang(kAsioStop);
   StopThread();
   if (Failing(kAsioStop, result)) return result;
   return ASE_OK;
@@ -374,6 +404,9 @@ ASIOError CFakeASIODriver::controlPanel() {
   ASIOError result = ASE_OK;
   device_->Record("controlPanel");
   if (Failing(kAsioControlPanel, result)) return result;
+  device_->panelOpen = true;
+  while (device_->holdPanel) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  device_->panelOpen = false;
   if (device_->panelPreferredSize != 0) device_->preferredSize = device_->panelPreferredSize;
   return ASE_OK;
 }
@@ -553,11 +586,30 @@ HResult CFakeASIOPlatform::CLSIDFromString(const char16_t* text, SGuid* clsid) {
 
 HResult CFakeASIOPlatform::CoInitialize() {
   int32_t result = 0;
+  {
+    std::lock_guard<std::mutex> hold(comLock_);
+    comInit_.push_back(std::this_thread::get_id());
+  }
   if (TakeFailure(kPlatformCoInitialize, result)) return result;
   return kHResultOk;
 }
 
-void CFakeASIOPlatform::CoUninitialize() { ++calls_[kPlatformCoUninitialize]; }
+void CFakeASIOPlatform::CoUninitialize() {
+  std::lock_guard<std::mutex> hold(comLock_);
+  comUninit_.push_back(std::this_thread::get_id());
+  ++calls_[kPlatformCoUninitialize];
+}
+
+void CFakeASIOPlatform::ForgetComThreads() {
+  std::lock_guard<std::mutex> hold(comLock_);
+  std::vector<std::thread::id>().swap(comInit_);
+  std::vector<std::thread::id>().swap(comUninit_);
+}
+
+std::vector<std::thread::id> CFakeASIOPlatform::ComThreads(EASIOPlatformCall call) {
+  std::lock_guard<std::mutex> hold(comLock_);
+  return call == kPlatformCoInitialize ? comInit_ : comUninit_;
+}
 
 HResult CFakeASIOPlatform::CoCreateInstance(const SGuid& clsid, uint32_t context, const SGuid& iid,
                                             void** object) {
@@ -567,6 +619,8 @@ HResult CFakeASIOPlatform::CoCreateInstance(const SGuid& clsid, uint32_t context
   if (context != kContextInprocServer || clsid != iid) return kHResultNoInterface;
   for (auto& entry : classes_) {
     if (entry.first != clsid) continue;
+    entry.second->NoteCallThread();
+    entry.second->MaybeHang(kAsioCreate);
     *object = static_cast<IASIO*>(new CFakeASIODriver(entry.second));
     return createdAnswer;
   }

@@ -42,6 +42,8 @@ enum EASIOCall : uint32_t {
   kAsioOutputReady,
   kAsioQueryInterface,
   kAsioHardwareIdentity,
+  kAsioCreate,   // the object's creation, through the platform
+  kAsioRelease,  // the release that ends the object
   kAsioCallCount
 };
 
@@ -108,11 +110,27 @@ struct SFakeASIODevice {
 
   // Answer `result` on the next `times` calls of that kind (-1: always).
   void Fail(EASIOCall call, NSASIO::ASIOError result, int32_t times = -1);
+  // The next call of that kind never returns, as a driver stuck in its own
+  // code: the thread that made it stays blocked for the life of the process.
+  void Hang(EASIOCall call) { hangAt = static_cast<int32_t>(call); }
+  // Blocks the calling thread forever when the call is the one to hang.
+  void MaybeHang(EASIOCall call);
+  std::atomic<int32_t> hangAt{-1};
+  // Calls that are blocked now.
+  std::atomic<int32_t> hanging{0};
+  // While set, the panel stays open (the call does not return).
+  std::atomic<bool> holdPanel{false};
+  std::atomic<bool> panelOpen{false};
+  // The threads that made the driver's calls, but the buffer switch's own
+  // (getSamplePosition and outputReady).
+  std::set<std::thread::id> CallThreads();
+  void NoteCallThread();
   bool TakeFailure(EASIOCall call, NSASIO::ASIOError& result);
   uint64_t Calls(EASIOCall call) const { return calls[call].load(); }
   std::vector<std::string> Log();
   void Record(const std::string& entry);
-  // Empties the log: long runs measure their memory.
+  // Empties the log and the record of calling threads: long runs measure
+  // their memory.
   void ForgetLog();
   // The object that exists now, or null.
   CFakeASIODriver* Live();
@@ -130,6 +148,7 @@ struct SFakeASIODevice {
   std::mutex lock_;
   CFailurePlan failures_;
   std::vector<std::string> log_;
+  std::set<std::thread::id> callThreads_;
   CFakeASIODriver* live_ = nullptr;
 };
 
@@ -230,6 +249,10 @@ class CFakeASIOPlatform final : public NSASIO::IASIOPlatform {
   void Fail(EASIOPlatformCall call, int32_t result, int32_t times = -1);
   uint64_t Calls(EASIOPlatformCall call) const { return calls_[call].load(); }
   int32_t OpenKeys() const { return openKeys_.load(); }
+  // The threads that initialised and uninitialised COM, in order.
+  std::vector<std::thread::id> ComThreads(EASIOPlatformCall call);
+  // Empties those records: long runs measure their memory.
+  void ForgetComThreads();
   int32_t LiveStrings() const { return liveStrings_.load(); }
   // CreateFile answers a null handle rather than the invalid one.
   bool nullFileHandle = false;
@@ -275,6 +298,9 @@ class CFakeASIOPlatform final : public NSASIO::IASIOPlatform {
   std::vector<std::pair<NSASIO::SGuid, std::shared_ptr<SFakeASIODevice>>> classes_;
   std::set<std::u16string> files_;
   CFailurePlan failures_;
+  std::mutex comLock_;
+  std::vector<std::thread::id> comInit_;
+  std::vector<std::thread::id> comUninit_;
   std::atomic<uint64_t> calls_[kPlatformCallCount] = {};
   std::atomic<int32_t> openKeys_{0};
   static std::atomic<int32_t> liveStrings_;

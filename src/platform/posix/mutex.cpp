@@ -176,4 +176,9 @@ EWaitResult WaitEvent(SEvent* e, uint32_t milliseconds) {
   return result == ETIMEDOUT ? kWaitTimeout : kWaitFailed;
 }
 
+EWaitResult WaitEventPumping(SEvent* e, uint32_t milliseconds) {
+  if (FailNow(kCallWaitEventPumping)) return kWaitFailed;
+  return WaitEvent(e, milliseconds);
+}
+
 }  // namespace NSPlatform

@@ -70,4 +70,27 @@ EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds) {
   return Wait(event->handle, milliseconds);
 }
 
+EWaitResult WaitEventPumping(SEvent* event, uint32_t milliseconds) {
+  if (FailNow(kCallWaitEventPumping)) return kWaitFailed;
+  if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
+  const ULONGLONG started = GetTickCount64();
+  for (;;) {
+    DWORD left = INFINITE;
+    if (milliseconds != kWaitInfinite) {
+      const ULONGLONG spent = GetTickCount64() - started;
+      left = spent >= milliseconds ? 0 : static_cast<DWORD>(milliseconds - spent);
+    }
+    const DWORD woken =
+        MsgWaitForMultipleObjectsEx(1, &event->handle, left, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
+    if (woken == WAIT_OBJECT_0) return kWaitObject;
+    if (woken == WAIT_TIMEOUT) return kWaitTimeout;
+    if (woken != WAIT_OBJECT_0 + 1) return kWaitFailed;
+    MSG message;
+    while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+      TranslateMessage(&message);
+      DispatchMessageW(&message);
+    }
+  }
+}
+
 }  // namespace NSPlatform
