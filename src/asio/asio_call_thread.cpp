@@ -121,7 +121,16 @@ bool EndsWithin(NSPlatform::SThread* thread, uint32_t milliseconds) {
   }
 }
 
-void RunCall(void* context) { static_cast<CASIOCallThread::CCall*>(context)->Invoke(); }
+// A driver call that raises a C++ exception across the interface has broken
+// it as surely as a fault: the call ends as crashed.
+void RunCall(void* context) {
+  auto* call = static_cast<CASIOCallThread::CCall*>(context);
+  try {
+    call->Invoke();
+  } catch (...) {
+    call->threw = true;
+  }
+}
 
 }  // namespace
 
@@ -180,7 +189,7 @@ void CASIOCallThread::Serve() {
     if (call != nullptr) {
       uint32_t waiting = CCall::kWaiting;
       if (call->state.compare_exchange_strong(waiting, CCall::kRunning)) {
-        const bool returned = NSPlatform::RunGuarded(&RunCall, call);
+        const bool returned = NSPlatform::RunGuarded(&RunCall, call) && !call->threw;
         call->state = returned ? CCall::kDone : CCall::kFaulted;
         NSPlatform::SetEvent(answer_);
         call->Drop();
@@ -272,6 +281,7 @@ void CASIOCallThread::Finish(CASIOCallThread* thread) {
     NSPlatform::SetEvent(thread->request_);
     if (EndsWithin(thread->thread_, kStreamCallMs)) {
       if (thread->slot_ < kCallbackSlots) {
+        NSPlatform::ForgetDriverModules(thread->slot_);
         slotOwners[thread->slot_] = nullptr;
         slots[thread->slot_].live = false;
       }

@@ -92,6 +92,7 @@ class CASIOCallThread {
     }
     enum : uint32_t { kWaiting, kRunning, kCancelled, kDone, kFaulted };
     std::atomic<uint32_t> state{kWaiting};
+    bool threw = false;  // the thread's own
 
    private:
     std::atomic<int32_t> references_{2};

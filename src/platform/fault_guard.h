@@ -41,6 +41,10 @@ void TakeModuleSnapshot(ModuleSnapshot& snapshot);
 void ClaimDriverModules(const void* address, const ModuleSnapshot& before, uint32_t owner);
 // The owner's modules stay loaded for the rest of the process.
 void PinDriverModules(uint32_t owner);
+// The owner ended cleanly: its modules are still a driver's, of nobody in
+// particular, until a new load claims them.
+void ForgetDriverModules(uint32_t owner);
+constexpr uint32_t kNoDriverOwner = 0xFFFFFFFFu;
 typedef void (*DriverCrashHandler)(uint32_t owner);
 // Installs the last-chance watch of the process, once; a fault elsewhere is
 // passed on to the watch that was there before.

@@ -12,12 +12,15 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "asio/asio_call_thread.h"
 #include "asio/asio_driver_list.h"
 #include "asio/asio_family.h"
 #include "asio_driver/test_driver_stats.h"
@@ -547,6 +550,292 @@ TEST_F(RealASIOTest, DriversAreFilteredAndBoundByTheDevicesTheyName) {
   EXPECT_EQ(log.back(), "unload 1.999.999.0");
   EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
   EXPECT_EQ(Stats().liveObjects, 0);
+}
+
+// Drivers that crash or hang in their own code. Each test has classes of its
+// own: a quarantine lasts as long as the process.
+constexpr int64_t kMarginMs = 2500;
+constexpr int64_t kMostMs = 8000;
+
+int64_t MsSince(std::chrono::steady_clock::time_point started) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                               started)
+      .count();
+}
+
+class FaultyDriverTest : public RealASIOTest {
+ protected:
+  void SetUp() override {
+    RealASIOTest::SetUp();
+    if (dll == nullptr) return;
+    static uint32_t nextClass = 0x100;
+    faulty = AddVariant(L"Faulty", nextClass++, L"Faulty", dllPath);
+    // The other driver is a second file: faults are told apart by module.
+    std::wstring other = dllPath;
+    other.replace(other.size() - 4, 4, L"Other.dll");
+    AddVariant(L"Other", nextClass++, L"Other", other);
+  }
+  // Opens `name`; the time the call took.
+  IClient* OpenNamed(const std::u16string& name, RampHost& to, uint32_t& running, int64_t& took) {
+    const IDriverSpec* spec = name == u"No Sound" ? specs->GetData()[0] : Find(name);
+    EXPECT_NE(spec, nullptr);
+    if (spec == nullptr) return nullptr;
+    uint32_t status = 0;
+    const auto started = std::chrono::steady_clock::now();
+    IClient* client = library->CreateClient(&to, nullptr, spec, &running, &status);
+    took = MsSince(started);
+    EXPECT_EQ(status, kStatusOk);
+    return client;
+  }
+  void Destroy(IClient* client) {
+    const auto started = std::chrono::steady_clock::now();
+    QuillonDestroy(client);
+    EXPECT_LT(MsSince(started), kMostMs);
+  }
+  // Render comes from the silent thread at least once in each of 3 s.
+  void ExpectRenderEverySecond(RampHost& on) {
+    for (int second = 0; second < 3; ++second) {
+      const uint64_t before = on.blocks.load();
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      EXPECT_GT(on.blocks.load(), before) << "second " << second;
+    }
+  }
+  // The faulty driver opens no more; the other one, and "No Sound", do.
+  void ExpectTheOthersStillOpen() {
+    RampHost again;
+    uint32_t running = 9;
+    int64_t took = 0;
+    IClient* refused = OpenNamed(u"Faulty", again, running, took);
+    EXPECT_EQ(running, 0u);
+    EXPECT_LT(took, 1000);
+    Destroy(refused);
+    RampHost second;
+    IClient* other = OpenNamed(u"Other", second, running, took);
+    EXPECT_EQ(running, 1u);
+    EXPECT_TRUE(WaitFor([&] { return second.blocks.load() >= 10; }));
+    Destroy(other);
+    RampHost third;
+    IClient* silent = OpenNamed(u"No Sound", third, running, took);
+    EXPECT_EQ(running, 1u);
+    EXPECT_TRUE(WaitFor([&] { return third.blocks.load() >= 2; }));
+    Destroy(silent);
+  }
+  // A client on the faulty driver, playing.
+  IClient* OpenPlaying() {
+    uint32_t running = 9;
+    int64_t took = 0;
+    IClient* client = OpenNamed(u"Faulty", host, running, took);
+    EXPECT_EQ(running, 1u);
+    EXPECT_TRUE(WaitFor([&] { return host.blocks.load() >= 10; }));
+    return client;
+  }
+
+  std::wstring faulty;
+};
+
+struct SOpeningFault {
+  const wchar_t* how;  // "crash" or "hang"
+  const wchar_t* call;
+  int64_t deadlineMs;
+  const char* name;
+};
+
+class FaultAtOpeningTest : public FaultyDriverTest,
+                           public ::testing::WithParamInterface<SOpeningFault> {};
+
+TEST_P(FaultAtOpeningTest, TheHostSurvivesWithSilenceAndTheDriverOpensNoMore) {
+  const SOpeningFault& fault = GetParam();
+  Write(HKEY_LOCAL_MACHINE, faulty, fault.how, std::wstring(fault.call));
+  MakeLibrary();
+  uint32_t running = 9;
+  int64_t took = 0;
+  IClient* client = OpenNamed(u"Faulty", host, running, took);
+  ASSERT_NE(client, nullptr);
+  EXPECT_EQ(running, 0u);
+  if (fault.deadlineMs != 0) {
+    EXPECT_GE(took, fault.deadlineMs - 100);
+  }
+  EXPECT_LT(took, std::min<int64_t>(fault.deadlineMs + kMarginMs, kMostMs));
+  EXPECT_TRUE(WaitFor([&] { return host.blocks.load() >= 3; }));
+  EXPECT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 0);
+  Destroy(client);
+  ExpectTheOthersStillOpen();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, FaultAtOpeningTest,
+    ::testing::Values(SOpeningFault{L"crash", L"create", 0, "CrashInCreate"},
+                      SOpeningFault{L"crash", L"init", 0, "CrashInInit"},
+                      SOpeningFault{L"crash", L"getChannels", 0, "CrashInGetChannels"},
+                      SOpeningFault{L"crash", L"getBufferSize", 0, "CrashInGetBufferSize"},
+                      SOpeningFault{L"crash", L"createBuffers", 0, "CrashInCreateBuffers"},
+                      SOpeningFault{L"crash", L"start", 0, "CrashInStart"},
+                      SOpeningFault{L"hang", L"create", NSASIO::kCreateCallMs, "HangInCreate"},
+                      SOpeningFault{L"hang", L"init", NSASIO::kCreateCallMs, "HangInInit"},
+                      SOpeningFault{L"hang", L"getChannels", NSASIO::kQueryCallMs,
+                                    "HangInGetChannels"},
+                      SOpeningFault{L"hang", L"getBufferSize", NSASIO::kQueryCallMs,
+                                    "HangInGetBufferSize"},
+                      SOpeningFault{L"hang", L"createBuffers", NSASIO::kStreamCallMs,
+                                    "HangInCreateBuffers"},
+                      SOpeningFault{L"hang", L"start", NSASIO::kStreamCallMs, "HangInStart"}),
+    [](const ::testing::TestParamInfo<SOpeningFault>& step) { return step.param.name; });
+
+struct SClosingFault {
+  const wchar_t* how;
+  const wchar_t* call;
+  const char* name;
+};
+
+class FaultAtClosingTest : public FaultyDriverTest,
+                           public ::testing::WithParamInterface<SClosingFault> {};
+
+// Leaving the driver for "No Sound" stops it and disposes of its buffers;
+// destroying the client then releases nothing more.
+TEST_P(FaultAtClosingTest, SwitchingAwayAndDestroyingComeBackInTime) {
+  const SClosingFault& fault = GetParam();
+  Write(HKEY_LOCAL_MACHINE, faulty, fault.how, std::wstring(fault.call));
+  MakeLibrary();
+  IClient* client = OpenPlaying();
+  ASSERT_NE(client, nullptr);
+  uint32_t running = 9;
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_EQ(client->SetDriver(specs->GetData()[0], &running), kStatusOk);
+  EXPECT_LT(MsSince(started), NSASIO::kStreamCallMs + kMarginMs);
+  EXPECT_EQ(running, 1u);
+  const uint64_t blocks = host.blocks.load();
+  EXPECT_TRUE(WaitFor([&] { return host.blocks.load() >= blocks + 2; }));
+  Destroy(client);
+  ExpectTheOthersStillOpen();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, FaultAtClosingTest,
+    ::testing::Values(SClosingFault{L"crash", L"stop", "CrashInStop"},
+                      SClosingFault{L"crash", L"disposeBuffers", "CrashInDisposeBuffers"},
+                      SClosingFault{L"crash", L"release", "CrashInRelease"},
+                      SClosingFault{L"hang", L"stop", "HangInStop"},
+                      SClosingFault{L"hang", L"disposeBuffers", "HangInDisposeBuffers"},
+                      SClosingFault{L"hang", L"release", "HangInRelease"}),
+    [](const ::testing::TestParamInfo<SClosingFault>& step) { return step.param.name; });
+
+TEST_F(FaultyDriverTest, ACrashOnTheDriversOwnThreadIsALossToldOnce) {
+  Write(HKEY_LOCAL_MACHINE, faulty, L"crashAfter", 40);
+  MakeLibrary();
+  IClient* client = OpenPlaying();
+  ASSERT_NE(client, nullptr);
+  ASSERT_TRUE(IdleUntil(client, [&] { return host.lost.load() == 1; }, 10000));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(client->Idle(), kStatusOk);
+  EXPECT_EQ(host.lost.load(), 1);
+  ExpectRenderEverySecond(host);
+  Destroy(client);
+  ExpectTheOthersStillOpen();
+}
+
+TEST_F(FaultyDriverTest, AStartAfterWhichItNeverCallsIsALossToldOnce) {
+  Write(HKEY_LOCAL_MACHINE, faulty, L"neverCalls", 1);
+  MakeLibrary();
+  uint32_t running = 9;
+  int64_t took = 0;
+  IClient* client = OpenNamed(u"Faulty", host, running, took);
+  ASSERT_NE(client, nullptr);
+  EXPECT_EQ(running, 1u);
+  ASSERT_TRUE(IdleUntil(client, [&] { return host.lost.load() == 1; }, 30000));
+  ExpectRenderEverySecond(host);
+  Destroy(client);
+}
+
+// A driver whose stop never returns goes on calling back from its thread:
+// those calls render nobody, not the next ASIO driver's client either.
+TEST_F(FaultyDriverTest, AStopThatNeverReturnsRendersNobodyAfterwards) {
+  Write(HKEY_LOCAL_MACHINE, faulty, L"hang", std::wstring(L"stop"));
+  const std::wstring other = L"software\\asio\\Other";
+  Write(HKEY_LOCAL_MACHINE, other, L"neverCalls", 1);
+  MakeLibrary();
+  IClient* client = OpenPlaying();
+  ASSERT_NE(client, nullptr);
+  uint32_t running = 9;
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_EQ(client->SetDriver(Find(u"Other"), &running), kStatusOk);
+  EXPECT_LT(MsSince(started), NSASIO::kStreamCallMs + kMarginMs);
+  EXPECT_EQ(running, 1u);
+  const uint64_t blocks = host.blocks.load();
+  const uint64_t switches = Stats().switches;
+  ASSERT_TRUE(WaitFor([&] { return Stats().switches >= switches + 20; }));
+  EXPECT_EQ(host.blocks.load(), blocks);
+  Destroy(client);
+}
+
+// The host's own fault, in its Render on the driver's thread, is the host's:
+// the process ends as it would without the library.
+class FaultingHost final : public IClientHost {
+ public:
+  uint32_t Render(IClient*, uint32_t, const float* const*, int32_t, const SRenderTiming*,
+                  float* const*, int32_t, const SRenderTiming*) override {
+    if (++blocks > 20) {
+      volatile uintptr_t nowhere = 0;
+      *reinterpret_cast<volatile int*>(nowhere) = 1;
+    }
+    return 0;
+  }
+  void OnDriverLost(IClient*) override {}
+  void OnSettingsChanged(IClient*, const SClientSettings*) override {}
+  void OnDriverListChanged(IClient*) override {}
+  std::atomic<int> blocks{0};
+};
+
+TEST_F(RealASIOTest, AHostWhoseRenderFaultsOnTheDriversThreadCrashesAsWithoutTheLibrary) {
+  if (std::getenv("QUILLON_FAULTING_HOST") != nullptr) {
+    // The child: plays until its own Render faults.
+    MakeLibrary();
+    FaultingHost faulting;
+    uint32_t running = 0;
+    uint32_t status = 0;
+    library->CreateClient(&faulting, nullptr, Find(u"Quillon Test"), &running, &status);
+    std::this_thread::sleep_for(std::chrono::seconds(20));
+    std::fprintf(stderr, "the host's fault was swallowed\n");
+    std::exit(3);
+  }
+  // No crash debugger: an unhandled fault ends the process with its code.
+  HKEY key = nullptr;
+  const wchar_t* const aeDebug = L"Software\\Microsoft\\Windows NT\\CurrentVersion\\AeDebug";
+  wchar_t debugger[512] = {};
+  DWORD bytes = sizeof debugger - sizeof(wchar_t);
+  bool hadDebugger = false;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, aeDebug, 0, KEY_READ | KEY_WRITE, &key) == ERROR_SUCCESS) {
+    hadDebugger = RegQueryValueExW(key, L"Debugger", nullptr, nullptr,
+                                   reinterpret_cast<BYTE*>(debugger), &bytes) == ERROR_SUCCESS;
+    RegDeleteValueW(key, L"Debugger");
+  }
+  wchar_t self[MAX_PATH] = {};
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  std::wstring command = L"\"" + std::wstring(self) +
+                         L"\" --gtest_filter=RealASIOTest."
+                         L"AHostWhoseRenderFaultsOnTheDriversThreadCrashesAsWithoutTheLibrary";
+  SetEnvironmentVariableW(L"QUILLON_FAULTING_HOST", L"1");
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process = {};
+  const BOOL started = CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr,
+                                      nullptr, &startup, &process);
+  SetEnvironmentVariableW(L"QUILLON_FAULTING_HOST", nullptr);
+  DWORD code = 0;
+  if (started) {
+    EXPECT_EQ(WaitForSingleObject(process.hProcess, 60000), WAIT_OBJECT_0);
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+  }
+  if (key != nullptr) {
+    if (hadDebugger) {
+      RegSetValueExW(key, L"Debugger", 0, REG_SZ, reinterpret_cast<const BYTE*>(debugger),
+                     static_cast<DWORD>((wcslen(debugger) + 1) * sizeof(wchar_t)));
+    }
+    RegCloseKey(key);
+  }
+  ASSERT_TRUE(started);
+  EXPECT_EQ(code, 0xC0000005u);
 }
 
 #else

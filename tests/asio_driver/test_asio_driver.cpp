@@ -211,8 +211,9 @@ void ExpectedBytes(DWORD type, float value, uint8_t* out) {
 
 // A fault of the driver's own code: a write through a null pointer.
 void Fault() {
-  volatile int* nowhere = nullptr;
-  *nowhere = 1;
+  // An address the compiler cannot see is null.
+  volatile uintptr_t nowhere = 0;
+  *reinterpret_cast<volatile int*>(nowhere) = 1;
 }
 
 // Hangs or faults when the settings say so for this call.
@@ -616,7 +617,6 @@ class CFactory final : public IClassFactoryLayout {
   }
   uint32_t AddRef() override { return static_cast<uint32_t>(++references_); }
   uint32_t Release() override {
-    if (references_.load() == 1) Misbehave(config_, L"release");
     const long left = --references_;
     if (left == 0) delete this;
     return static_cast<uint32_t>(left);

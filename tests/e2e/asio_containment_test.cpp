@@ -157,6 +157,21 @@ INSTANTIATE_TEST_SUITE_P(
                       SOpeningHang{Fakes::kAsioStart, NSASIO::kStreamCallMs, "Start"}),
     [](const ::testing::TestParamInfo<SOpeningHang>& step) { return step.param.name; });
 
+TEST_F(ASIOContainmentTest, ADriverThatThrowsOutOfACallIsQuarantinedAtOnce) {
+  hung->Crash(Fakes::kAsioCreateBuffers);
+  uint32_t running = 9;
+  const auto started = Clock::now();
+  IClient* client = Open(hangSpec, host, running);
+  EXPECT_LT(Since(started), kMarginMs);
+  EXPECT_EQ(running, 0u);
+  EXPECT_EQ(hung->Calls(Fakes::kAsioDisposeBuffers), 0u);
+  EXPECT_TRUE(WaitFor([&] { return host.silentBlocks.load() >= 3; }));
+  Destroy(client);
+  // Never released: its state after the fault is unknown.
+  EXPECT_EQ(hung->liveObjects.load(), 1);
+  ExpectTheOthersStillOpen();
+}
+
 TEST_F(ASIOContainmentTest, ARatePollThatNeverReturnsIsALossToldOnce) {
   uint32_t running = 9;
   IClient* client = Open(hangSpec, host, running);

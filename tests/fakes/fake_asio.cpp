@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <stdexcept>
 
 using namespace NSASIO;
 
@@ -74,6 +75,8 @@ bool SFakeASIODevice::TakeFailure(EASIOCall call, ASIOError& result) {
 }
 
 void SFakeASIODevice::MaybeHang(EASIOCall call) {
+  int32_t crashing = static_cast<int32_t>(call);
+  if (crashAt.compare_exchange_strong(crashing, -1)) throw std::runtime_error("driver fault");
   int32_t expected = static_cast<int32_t>(call);
   if (!hangAt.compare_exchange_strong(expected, -1)) return;
   ++hanging;

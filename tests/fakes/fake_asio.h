@@ -113,6 +113,10 @@ struct SFakeASIODevice {
   // The next call of that kind never returns, as a driver stuck in its own
   // code: the thread that made it stays blocked for the life of the process.
   void Hang(EASIOCall call) { hangAt = static_cast<int32_t>(call); }
+  // The next call of that kind throws out of the driver, which no COM
+  // method may: the nearest thing to a crash that every build can contain.
+  void Crash(EASIOCall call) { crashAt = static_cast<int32_t>(call); }
+  std::atomic<int32_t> crashAt{-1};
   // Blocks the calling thread forever when the call is the one to hang.
   void MaybeHang(EASIOCall call);
   std::atomic<int32_t> hangAt{-1};

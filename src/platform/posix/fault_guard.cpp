@@ -14,6 +14,7 @@ void LeaveForeignCall() {}
 void TakeModuleSnapshot(ModuleSnapshot& snapshot) { snapshot.count = 0; }
 void ClaimDriverModules(const void*, const ModuleSnapshot&, uint32_t) {}
 void PinDriverModules(uint32_t) {}
+void ForgetDriverModules(uint32_t) {}
 void WatchDriverFaults(DriverCrashHandler) {}
 
 }  // namespace NSPlatform

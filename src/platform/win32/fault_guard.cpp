@@ -190,8 +190,15 @@ bool DriverOwning(HMODULE module, uint32_t& owner) {
 
 void Claim(HMODULE module, uint32_t owner) {
   if (module == nullptr || module == OwnModule()) return;
-  uint32_t known = 0;
-  if (DriverOwning(module, known)) return;
+  const uint32_t count = driverModuleCount.load();
+  for (uint32_t i = 0; i < count && i < kDriverModules; ++i) {
+    if (driverModules[i].module.load() != module) continue;
+    // A module stays with a quarantined owner, whose threads may still run
+    // in it; one whose owner ended cleanly goes to the new load.
+    uint32_t nobody = kNoDriverOwner;
+    driverModules[i].owner.compare_exchange_strong(nobody, owner);
+    return;
+  }
   const uint32_t index = driverModuleCount.load();
   if (index >= kDriverModules) return;
   driverModules[index].owner = owner;
@@ -212,7 +219,7 @@ LONG WINAPI LastChance(EXCEPTION_POINTERS* pointers) {
   if (IsHardwareFault(record->ExceptionCode) && Depth(foreignSlot) == 0 &&
       DriverOwning(ModuleAt(record->ExceptionAddress), owner)) {
     const DriverCrashHandler handler = crashHandler.load();
-    if (handler != nullptr) handler(owner);
+    if (handler != nullptr && owner != kNoDriverOwner) handler(owner);
     CONTEXT* context = pointers->ContextRecord;
     // Below whatever the fault left on its stack, aligned as after a call.
     context->Rsp = ((context->Rsp - 1024) & ~static_cast<DWORD64>(15)) - 8;
@@ -272,6 +279,14 @@ void PinDriverModules(uint32_t owner) {
     HMODULE pinned = nullptr;
     GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
                        reinterpret_cast<LPCWSTR>(driverModules[i].module.load()), &pinned);
+  }
+}
+
+void ForgetDriverModules(uint32_t owner) {
+  const uint32_t count = driverModuleCount.load();
+  for (uint32_t i = 0; i < count && i < kDriverModules; ++i) {
+    uint32_t expected = owner;
+    driverModules[i].owner.compare_exchange_strong(expected, kNoDriverOwner);
   }
 }
 
