@@ -2,7 +2,9 @@
 // query, the try of the run lock, the conversions in and out, the render and
 // outputReady; beside the same render called on its own. One iteration is
 // one buffer, for 2 and 16 channels each way, Int32LSB (18) and Float32LSB
-// (19), 64 and 512 frames.
+// (19), 64 and 512 frames. The switch also runs straight into the host's
+// handler, without the load's callback table; and a control call is timed
+// through the driver's own thread and directly.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -77,6 +79,40 @@ void BufferSwitch(benchmark::State& state) {
   }
 }
 
+// The same switch straight into the host's handler, as the driver reached it
+// before each load had a callback table of its own: the cost of the table.
+void BufferSwitchWithoutLoadTable(benchmark::State& state) {
+  const int32_t frames = static_cast<int32_t>(state.range(2));
+  SRun run(static_cast<int32_t>(state.range(0)), static_cast<ASIOSampleType>(state.range(1)),
+           frames);
+  int32_t half = 0;
+  for (auto _ : state) {
+    CASIODriverHost::OnBufferSwitch(half, 1);
+    half ^= 1;
+  }
+}
+
+// A control call's round trip through the driver's own thread (hand-over,
+// wake, the call, the answer), beside the same call made directly.
+void ControlCallRoundTrip(benchmark::State& state) {
+  SRun run(2, ASIOSTInt32LSB, 256);
+  for (auto _ : state) {
+    int32_t inputs = 0;
+    int32_t outputs = 0;
+    benchmark::DoNotOptimize(CASIOCallLayer::getChannels(&inputs, &outputs));
+  }
+}
+
+void ControlCallDirect(benchmark::State& state) {
+  SRun run(2, ASIOSTInt32LSB, 256);
+  IASIO* driver = currentDriver.load();
+  for (auto _ : state) {
+    int32_t inputs = 0;
+    int32_t outputs = 0;
+    benchmark::DoNotOptimize(driver->getChannels(&inputs, &outputs));
+  }
+}
+
 void HostRenderAlone(benchmark::State& state) {
   const int32_t channels = static_cast<int32_t>(state.range(0));
   const uint32_t frames = static_cast<uint32_t>(state.range(2));
@@ -106,4 +142,7 @@ void Arguments(benchmark::internal::Benchmark* bench) {
 }  // namespace
 
 BENCHMARK(BufferSwitch)->Apply(Arguments);
+BENCHMARK(BufferSwitchWithoutLoadTable)->Apply(Arguments);
+BENCHMARK(ControlCallRoundTrip);
+BENCHMARK(ControlCallDirect);
 BENCHMARK(HostRenderAlone)->Apply(Arguments);
