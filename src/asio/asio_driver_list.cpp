@@ -433,6 +433,10 @@ bool CASIOCallLayer::Quarantined() { return currentCalls != nullptr && currentCa
 
 bool CASIOCallLayer::Busy() { return currentCalls != nullptr && currentCalls->Busy(); }
 
+void CASIOCallLayer::QuarantineCurrent() {
+  if (currentCalls != nullptr) currentCalls->QuarantineStuck();
+}
+
 ASIOBool CASIOCallLayer::init(void* sysRef) {
   IASIO* driver = Current();
   ASIOBool answer = 0;
@@ -767,6 +771,16 @@ ASIOError CASIOCallLayer::future(int32_t selector, void* opt) {
     std::memcpy(opt, &answer.answer, sizeof answer.answer);
   }
   return answer.result;
+}
+
+ASIOError CASIOCallLayer::outputReadyBeforeStart() {
+  IASIO* driver = Current();
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr ||
+      !OnDriverThread(kQueryCallMs, [driver] { return driver->outputReady(); }, result)) {
+    return ASE_NotPresent;
+  }
+  return result;
 }
 
 ASIOError CASIOCallLayer::outputReady() {

@@ -136,6 +136,8 @@ struct CASIOCallLayer {
   static bool Quarantined();
   // Its panel is open on its thread.
   static bool Busy();
+  // The driver hangs on a thread of its own: it is asked nothing more.
+  static void QuarantineCurrent();
   static ASIOBool init(void* sysRef);
   static void getDriverName(char* name);
   static int32_t getDriverVersion();
@@ -159,6 +161,8 @@ struct CASIOCallLayer {
   static ASIOError controlPanel();
   static ASIOError future(int32_t selector, void* opt);
   static ASIOError outputReady();
+  // The control thread's outputReady after the block before the start.
+  static ASIOError outputReadyBeforeStart();
 };
 
 }  // namespace NSASIO

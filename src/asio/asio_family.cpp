@@ -44,6 +44,21 @@ CASIOFamily* familyObject = nullptr;
 // driver would take it from under the first one's stream.
 int32_t openDrivers = 0;
 
+// Hosts whose render never came back from the driver's thread: kept for the
+// life of the process, where they stay reachable.
+CASIODriverHost* stuckHosts[64];
+uint32_t stuckHostCount = 0;
+
+// Closes the host and frees it, or keeps it when its render is stuck.
+void CloseHost(CASIODriverHost* host) {
+  host->Close();
+  if (!host->RenderStuck()) {
+    delete host;
+  } else if (stuckHostCount < sizeof stuckHosts / sizeof stuckHosts[0]) {
+    stuckHosts[stuckHostCount++] = host;
+  }
+}
+
 CWideString KeyOf(const CWideString& driverName) {
   return NSTextPackage::FormatText(kASIOKeyFormat, 0, {driverName});
 }
@@ -135,8 +150,8 @@ bool ProbeHardwareIdentity(const CWideString& name, std::string& identity) {
     auto* driver = static_cast<IASIO*>(object);
     calls->SetDriver(driver);
     asked.answered = AskHardwareIdentity(driver, *platform, asked.identity);
-    calls->SetDriver(nullptr);
     driver->Release();
+    calls->SetDriver(nullptr);
     return asked;
   }, probe);
   CASIOCallThread::Finish(calls);
@@ -183,7 +198,7 @@ COpenASIOSoundDriver::COpenASIOSoundDriver(const CWideString& driverName,
   try {
     BindHardwareDevice();
   } catch (...) {
-    delete host_;
+    CloseHost(host_);
     host_ = nullptr;
     throw;
   }
@@ -194,7 +209,7 @@ COpenASIOSoundDriver::~COpenASIOSoundDriver() {
   --openDrivers;
   NSMarlet::COptionalFailureScope scope;
   try {
-    delete host_;
+    CloseHost(host_);
   } catch (...) {
   }
   host_ = nullptr;

@@ -27,6 +27,9 @@ constexpr int32_t kMaxClockSources = 100;
 constexpr uint32_t kRateCheckMs = 3000;
 // How long a refused wait for the run lock is asked again, as any handover.
 constexpr uint32_t kRunLockRetryMs = 5000;
+// How long a render already inside may take to leave before it counts as
+// stuck: far beyond any buffer's time.
+constexpr uint32_t kRenderLeaveMs = 2000;
 
 // One render's passage through the host's gate, counted while inside so that
 // the control thread can wait for it to leave. Sequentially consistent on
@@ -172,6 +175,11 @@ CASIODriverHost::CASIODriverHost(const CWideString& driverName,
 }
 
 CASIODriverHost::~CASIODriverHost() {
+  NSMarlet::COptionalFailureScope scope;
+  StopAndRelease();
+}
+
+void CASIODriverHost::Close() {
   NSMarlet::COptionalFailureScope scope;
   StopAndRelease();
 }
@@ -368,7 +376,7 @@ void CASIODriverHost::ConfigureSteps(const CSoundDriverSettings& settings) {
 void CASIODriverHost::StartStreaming() {
   try {
     bufferSet_->FillOutputSilence();
-    RenderOneBuffer(1, 0, 0);
+    RenderOneBuffer(1, 0, 0, true);
     if (CASIOCallLayer::start() != ASE_OK) RaiseOpen();
     asioState = kASIOStateRunning;
     activeHost.store(this);
@@ -391,17 +399,23 @@ void CASIODriverHost::StopAndRelease() {
   if (!stopped_) {
     renderGateOpen_.store(false);
     // A driver's thread inside a render holds the lock until it returns. A
-    // wait the system refuses is asked again for as long as a handover may
-    // take: a host left half released would keep its driver calling in.
-    runLockHeld_ = NSFerrand::TryFor(kRunLockRetryMs, [this] {
-      const NSPlatform::EWaitResult wait = runLock_.WaitResult(NSPlatform::kWaitInfinite);
-      return wait == NSPlatform::kWaitObject || wait == NSPlatform::kWaitAbandoned;
-    });
+    // wait the system refuses is asked again; a render that has not come back
+    // within a render's limit never will.
+    bool stuck = false;
+    runLockHeld_ = NSFerrand::TryFor(kRunLockRetryMs, [this, &stuck] {
+      const NSPlatform::EWaitResult wait = runLock_.WaitResult(kRenderLeaveMs);
+      stuck = wait == NSPlatform::kWaitTimeout;
+      return stuck || wait == NSPlatform::kWaitObject || wait == NSPlatform::kWaitAbandoned;
+    }) && !stuck;
+    if (stuck) renderStuck_ = true;
+    // Stuck inside the driver's own outputReady: the driver hangs, and is
+    // asked nothing more. Stuck in the host's render: the host's own doing.
+    if (stuck && inOutputReady_.load()) CASIOCallLayer::QuarantineCurrent();
     // Without the lock the shut gate keeps new renders out; one already past
-    // it is waited for as long again.
-    rendersOut = runLockHeld_ || NSFerrand::TryFor(kRunLockRetryMs, [this] {
+    // it is waited for as long again, unless it is the one that is stuck.
+    rendersOut = runLockHeld_ || (!stuck && NSFerrand::TryFor(kRunLockRetryMs, [this] {
                    return rendersInside_.load() == 0;
-                 });
+                 }));
     stopped_ = true;
   }
   CASIODriverHost* self = this;
@@ -542,7 +556,7 @@ bool CASIODriverHost::CanMonitorInputs() {
 }
 
 void CASIODriverHost::RenderOneBuffer(int32_t index, uint64_t systemTime,
-                                      uint64_t samplePosition) {
+                                      uint64_t samplePosition, bool priming) {
   if (renderFailed_.load(std::memory_order_relaxed)) return;
   try {
     const int32_t frames = bufferSet_->Frames();
@@ -557,7 +571,14 @@ void CASIODriverHost::RenderOneBuffer(int32_t index, uint64_t systemTime,
                       samplePosition - inputFrames, systemTime + outputNs,
                       samplePosition + outputFrames);
     bufferSet_->ConvertOutputs(index, frames);
-    CASIOCallLayer::outputReady();
+    if (priming) {
+      // On the control thread, before the start: through the driver's thread.
+      CASIOCallLayer::outputReadyBeforeStart();
+    } else {
+      inOutputReady_.store(true);
+      CASIOCallLayer::outputReady();
+      inOutputReady_.store(false);
+    }
     outputReadyPending_.store(false, std::memory_order_relaxed);
   } catch (...) {
     renderFailed_ = true;

@@ -56,6 +56,11 @@ class CASIODriverHost {
   CASIODriverHost(const CASIODriverHost&) = delete;
   CASIODriverHost& operator=(const CASIODriverHost&) = delete;
 
+  // Stops and releases what it can. A host whose render is stuck on the
+  // driver's thread must then be kept, never deleted: that thread may still
+  // come back into it.
+  void Close();
+  bool RenderStuck() const { return renderStuck_; }
   // New settings, else the former ones again; raises only when neither holds.
   void ApplyNewSettings(const CSoundDriverSettings& settings);
   CSoundDriverSettings ReadCurrentSettings() const;
@@ -115,7 +120,9 @@ class CASIODriverHost {
   void StopAndRelease();
   void NoteSampleRate(uint32_t rate);
   void PublishRates();
-  void RenderOneBuffer(int32_t index, uint64_t systemTime, uint64_t samplePosition);
+  // `priming`: the block before the start, on the control thread.
+  void RenderOneBuffer(int32_t index, uint64_t systemTime, uint64_t samplePosition,
+                       bool priming = false);
   std::vector<CWideString> BuildChannelNames(bool inputs, int32_t count);
 
   ASIOCallbacks callbacks_;  // first: its address goes to the driver
@@ -130,6 +137,9 @@ class CASIODriverHost {
   // the system refuses still keeps every render out of buffers being freed.
   std::atomic<bool> renderGateOpen_{false};
   std::atomic<int32_t> rendersInside_{0};
+  bool renderStuck_ = false;
+  // The render's thread is inside the driver's outputReady.
+  std::atomic<bool> inOutputReady_{false};
   std::atomic<bool> resetRequested_{false};
   std::atomic<bool> outputReadyPending_{false};
   std::atomic<bool> renderFailed_{false};

@@ -46,6 +46,22 @@ void ASIODriver(const char* call, Fakes::EASIOCall which) {
       [=](CFakeWorld& w) { return w.box->Calls(which); });
 }
 
+// A driver that crashes (throws out of the call, which every build can
+// contain) or never returns: quarantined, it keeps its thread, its object and
+// its memory for the life of the process.
+void ASIODriverFault(const char* seam, const char* call, Fakes::EASIOCall which, bool hang) {
+  Add(seam, call, hang ? "hangs" : "crashes", u"Box A",
+      [=](CFakeWorld& w) {
+        if (hang) {
+          w.box->Hang(which);
+        } else {
+          w.box->Crash(which);
+        }
+      },
+      [=](CFakeWorld& w) { return w.box->misbehaved.load(); });
+  rows.back().systemKeeps = kQuarantinedDriver;
+}
+
 void Contract(const char* seam, Fakes::EOperation which) {
   Add(seam, Fakes::OperationName(which), "", u"Fake One",
       [=](CFakeWorld& w) { w.control->Raise(which, 30); },
@@ -215,6 +231,41 @@ void Build() {
   ASIODriver("future", Fakes::kAsioFuture);
   ASIODriver("outputReady", Fakes::kAsioOutputReady);
   ASIODriver("GetHardwareIdentity", Fakes::kAsioHardwareIdentity);
+  const struct {
+    const char* seam;
+    const char* call;
+    Fakes::EASIOCall which;
+  } misbehaving[] = {
+      {"IASIOPlatform", "CoCreateInstance", Fakes::kAsioCreate},
+      {"IASIO", "QueryInterface", Fakes::kAsioQueryInterface},
+      {"IASIO", "GetHardwareIdentity", Fakes::kAsioHardwareIdentity},
+      {"IASIO", "init", Fakes::kAsioInit},
+      {"IASIO", "getChannels", Fakes::kAsioGetChannels},
+      {"IASIO", "getLatencies", Fakes::kAsioGetLatencies},
+      {"IASIO", "getBufferSize", Fakes::kAsioGetBufferSize},
+      {"IASIO", "canSampleRate", Fakes::kAsioCanSampleRate},
+      {"IASIO", "getSampleRate", Fakes::kAsioGetSampleRate},
+      {"IASIO", "setSampleRate", Fakes::kAsioSetSampleRate},
+      {"IASIO", "getClockSources", Fakes::kAsioGetClockSources},
+      {"IASIO", "setClockSource", Fakes::kAsioSetClockSource},
+      {"IASIO", "getChannelInfo", Fakes::kAsioGetChannelInfo},
+      {"IASIO", "createBuffers", Fakes::kAsioCreateBuffers},
+      {"IASIO", "start", Fakes::kAsioStart},
+      {"IASIO", "stop", Fakes::kAsioStop},
+      {"IASIO", "disposeBuffers", Fakes::kAsioDisposeBuffers},
+      {"IASIO", "future", Fakes::kAsioFuture},
+      {"IASIO", "controlPanel", Fakes::kAsioControlPanel},
+      {"IASIO", "getSamplePosition", Fakes::kAsioGetSamplePosition},
+      {"IASIO", "outputReady", Fakes::kAsioOutputReady},
+      {"IASIO", "Release", Fakes::kAsioRelease},
+  };
+  for (const auto& call : misbehaving) {
+    ASIODriverFault(call.seam, call.call, call.which, false);
+    // The panel has no deadline: one left open is its user's choice.
+    if (call.which != Fakes::kAsioControlPanel) {
+      ASIODriverFault(call.seam, call.call, call.which, true);
+    }
+  }
 
   // The hardware library's operations, and the system's file and module
   // services that find and load it.

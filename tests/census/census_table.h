@@ -12,6 +12,11 @@
 
 #include "e2e/fake_world.h"
 
+// What a row keeps whose driver is quarantined: its thread (with a call
+// that never returns, and the fake's own streaming thread when stop hangs)
+// and whatever the driver and its abandoned calls hold.
+constexpr const char* kQuarantinedDriver = "a quarantined driver";
+
 struct SCensusRow {
   std::string seam;     // the interface, or the platform layer
   std::string call;     // the name it declares

@@ -43,7 +43,10 @@ class CFakeWorld {
     zep.moduleFolder = module.Path();
     zep.commonFolder = common.Path().u16string();
     waveOut.devices.push_back(Fakes::StereoDevice(u"Fake Out", {44100, 48000}));
-    box = asio.AddDriver(u"Box A", Fakes::FakeClsidText(1), u"ASIO Box A");
+    // A class of each world's own: a driver quarantined in one world stays
+    // so for the process, never for the next world.
+    static uint32_t nextClass = 0x9000;
+    box = asio.AddDriver(u"Box A", Fakes::FakeClsidText(nextClass++), u"ASIO Box A");
     box->hasIdentity = true;
     box->identity = u"Dev A";
     box->periodMs = 2;

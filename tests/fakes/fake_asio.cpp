@@ -76,9 +76,13 @@ bool SFakeASIODevice::TakeFailure(EASIOCall call, ASIOError& result) {
 
 void SFakeASIODevice::MaybeHang(EASIOCall call) {
   int32_t crashing = static_cast<int32_t>(call);
-  if (crashAt.compare_exchange_strong(crashing, -1)) throw std::runtime_error("driver fault");
+  if (crashAt.compare_exchange_strong(crashing, -1)) {
+    ++misbehaved;
+    throw std::runtime_error("driver fault");
+  }
   int32_t expected = static_cast<int32_t>(call);
   if (!hangAt.compare_exchange_strong(expected, -1)) return;
+  ++misbehaved;
   ++hanging;
   // Never set free: the gate outlives every test of the process.
   static auto* gate = new std::pair<std::mutex, std::condition_variable>();
@@ -622,8 +626,10 @@ HResult CFakeASIOPlatform::CoCreateInstance(const SGuid& clsid, uint32_t context
   if (context != kContextInprocServer || clsid != iid) return kHResultNoInterface;
   for (auto& entry : classes_) {
     if (entry.first != clsid) continue;
-    entry.second->NoteCallThread();
-    entry.second->MaybeHang(kAsioCreate);
+    // A creation that never returns keeps its device alive.
+    const std::shared_ptr<SFakeASIODevice> device = entry.second;
+    device->NoteCallThread();
+    device->MaybeHang(kAsioCreate);
     *object = static_cast<IASIO*>(new CFakeASIODriver(entry.second));
     return createdAnswer;
   }

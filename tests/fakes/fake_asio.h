@@ -117,6 +117,8 @@ struct SFakeASIODevice {
   // method may: the nearest thing to a crash that every build can contain.
   void Crash(EASIOCall call) { crashAt = static_cast<int32_t>(call); }
   std::atomic<int32_t> crashAt{-1};
+  // Calls that hung or crashed so far.
+  std::atomic<uint64_t> misbehaved{0};
   // Blocks the calling thread forever when the call is the one to hang.
   void MaybeHang(EASIOCall call);
   std::atomic<int32_t> hangAt{-1};
