@@ -49,7 +49,6 @@ class CASIOCallThread final : public NSFerrand::CGuardedThread {
   // The driver object made on this thread, kept so that an abandoned one
   // stays reachable.
   void SetDriver(IASIO* driver) { driver_ = driver; }
-  IASIO* Driver() const { return driver_; }
 
  private:
   ~CASIOCallThread() override = default;

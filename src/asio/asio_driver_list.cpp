@@ -34,6 +34,15 @@ bool OnDriverThread(uint32_t deadlineMs, const Work& work, Result& result) {
   return currentCalls->Call(deadlineMs, work, result) == kCallAnswered;
 }
 
+// The driver's own answer to `work`, or ASE_NotPresent when there is no
+// driver or no answer in time.
+template <class Work>
+ASIOError Answer(IASIO* driver, uint32_t deadlineMs, const Work& work) {
+  ASIOError result = ASE_NotPresent;
+  if (driver == nullptr || !OnDriverThread(deadlineMs, work, result)) return ASE_NotPresent;
+  return result;
+}
+
 // Releases a driver on its thread and ends the thread.
 void ReleaseOnItsThread(IASIO* driver, CASIOCallThread* calls) {
   if (calls == nullptr) {
@@ -439,12 +448,7 @@ void CASIOCallLayer::QuarantineCurrent() {
 
 ASIOBool CASIOCallLayer::init(void* sysRef) {
   IASIO* driver = Current();
-  ASIOBool answer = 0;
-  if (driver == nullptr ||
-      !OnDriverThread(kCreateCallMs, [driver, sysRef] { return driver->init(sysRef); }, answer)) {
-    return ASE_NotPresent;
-  }
-  return answer;
+  return Answer(driver, kCreateCallMs, [driver, sysRef] { return driver->init(sysRef); });
 }
 
 namespace {
@@ -494,22 +498,12 @@ void CASIOCallLayer::getErrorMessage(char* text) {
 
 ASIOError CASIOCallLayer::start() {
   IASIO* driver = Current();
-  ASIOError result = ASE_NotPresent;
-  if (driver == nullptr ||
-      !OnDriverThread(kStreamCallMs, [driver] { return driver->start(); }, result)) {
-    return ASE_NotPresent;
-  }
-  return result;
+  return Answer(driver, kStreamCallMs, [driver] { return driver->start(); });
 }
 
 ASIOError CASIOCallLayer::stop() {
   IASIO* driver = Current();
-  ASIOError result = ASE_NotPresent;
-  if (driver == nullptr ||
-      !OnDriverThread(kStreamCallMs, [driver] { return driver->stop(); }, result)) {
-    return ASE_NotPresent;
-  }
-  return result;
+  return Answer(driver, kStreamCallMs, [driver] { return driver->stop(); });
 }
 
 namespace {
@@ -589,13 +583,7 @@ ASIOError CASIOCallLayer::getBufferSize(int32_t* minimum, int32_t* maximum, int3
 
 ASIOError CASIOCallLayer::canSampleRate(ASIOSampleRate rate) {
   IASIO* driver = Current();
-  ASIOError result = ASE_NotPresent;
-  if (driver == nullptr ||
-      !OnDriverThread(kQueryCallMs, [driver, rate] { return driver->canSampleRate(rate); },
-                      result)) {
-    return ASE_NotPresent;
-  }
-  return result;
+  return Answer(driver, kQueryCallMs, [driver, rate] { return driver->canSampleRate(rate); });
 }
 
 ASIOError CASIOCallLayer::getSampleRate(ASIOSampleRate* rate) {
@@ -617,13 +605,7 @@ ASIOError CASIOCallLayer::getSampleRate(ASIOSampleRate* rate) {
 
 ASIOError CASIOCallLayer::setSampleRate(ASIOSampleRate rate) {
   IASIO* driver = Current();
-  ASIOError result = ASE_NotPresent;
-  if (driver == nullptr ||
-      !OnDriverThread(kStreamCallMs, [driver, rate] { return driver->setSampleRate(rate); },
-                      result)) {
-    return ASE_NotPresent;
-  }
-  return result;
+  return Answer(driver, kStreamCallMs, [driver, rate] { return driver->setSampleRate(rate); });
 }
 
 ASIOError CASIOCallLayer::getClockSources(ASIOClockSource* clocks, int32_t* count) {
@@ -721,22 +703,12 @@ ASIOError CASIOCallLayer::createBuffers(ASIOBufferInfo* infos, int32_t count, in
 
 ASIOError CASIOCallLayer::disposeBuffers() {
   IASIO* driver = Current();
-  ASIOError result = ASE_NotPresent;
-  if (driver == nullptr ||
-      !OnDriverThread(kStreamCallMs, [driver] { return driver->disposeBuffers(); }, result)) {
-    return ASE_NotPresent;
-  }
-  return result;
+  return Answer(driver, kStreamCallMs, [driver] { return driver->disposeBuffers(); });
 }
 
 ASIOError CASIOCallLayer::controlPanel() {
   IASIO* driver = Current();
-  ASIOError result = ASE_NotPresent;
-  if (driver == nullptr ||
-      !OnDriverThread(kPanelCallMs, [driver] { return driver->controlPanel(); }, result)) {
-    return ASE_NotPresent;
-  }
-  return result;
+  return Answer(driver, kPanelCallMs, [driver] { return driver->controlPanel(); });
 }
 
 ASIOError CASIOCallLayer::future(int32_t selector, void* opt) {
@@ -775,12 +747,7 @@ ASIOError CASIOCallLayer::future(int32_t selector, void* opt) {
 
 ASIOError CASIOCallLayer::outputReadyBeforeStart() {
   IASIO* driver = Current();
-  ASIOError result = ASE_NotPresent;
-  if (driver == nullptr ||
-      !OnDriverThread(kQueryCallMs, [driver] { return driver->outputReady(); }, result)) {
-    return ASE_NotPresent;
-  }
-  return result;
+  return Answer(driver, kQueryCallMs, [driver] { return driver->outputReady(); });
 }
 
 ASIOError CASIOCallLayer::outputReady() {

@@ -167,10 +167,7 @@ void CGuardedThread::Quarantine() {
   OnQuarantined();
 }
 
-void CGuardedThread::QuarantineCrashed() {
-  crashed_ = true;
-  Quarantine();
-}
+void CGuardedThread::QuarantineCrashed() { Quarantine(); }
 
 void CGuardedThread::ClaimModules(const void* address, const NSPlatform::ModuleSnapshot& before) {
   if (owner_ < kGuardedThreads) NSPlatform::ClaimDriverModules(address, before, owner_);

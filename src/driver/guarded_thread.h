@@ -46,8 +46,6 @@ class CGuardedThread {
   ECallEnd Call(uint32_t deadlineMs, const Work& work, Result& result);
 
   bool Quarantined() const { return quarantined_.load(); }
-  // Crashed on one of its own threads, or inside a call.
-  bool Crashed() const { return crashed_.load(); }
   // A call without deadline runs: the periodic checks ask nothing meanwhile.
   bool Busy() const { return busy_.load(); }
   // From a fault on one of the untrusted code's threads.
@@ -107,7 +105,6 @@ class CGuardedThread {
   std::atomic<bool> quit_{false};
   std::atomic<bool> quarantined_{false};
   std::atomic<bool> busy_{false};
-  std::atomic<bool> crashed_{false};
 };
 
 template <class Work, class Result>
