@@ -219,10 +219,13 @@ COpenASIOSoundDriver::~COpenASIOSoundDriver() {
 void COpenASIOSoundDriver::BindHardwareDevice() {
   if (hardwareContext_ == nullptr || host_->Identity().empty()) return;
   const NSZEPGlue::CGluePtr& glue = *static_cast<NSZEPGlue::CGluePtr*>(hardwareContext_);
-  if (!glue) return;
+  if (!glue || NSZEPGlue::HardwareCutOff()) return;
   try {
     NSZEPGlue::CSharedDevicePtr device(new NSZEPGlue::CSharedDeviceImpl(glue, host_->Identity()));
     hardwareDevice_.swap(device);
+  } catch (const NSMarlet::XNotFound&) {
+    // Cut off by the open itself: the driver plays without a device.
+    if (!NSZEPGlue::HardwareCutOff()) throw;
   } catch (const NSMarlet::XOpen& cause) {
     // A new failure of this driver's own, with the library's as its cause.
     NSMarlet::CFailureBuilder builder{NSMarlet::CSourcePosition()};
@@ -291,13 +294,21 @@ void COpenASIOSoundDriver::SetInputMonitor(uint32_t input, const CInputMonitorSe
 }
 
 bool COpenASIOSoundDriver::HasControlPanel() {
-  return !hardwareDevice_ || hardwareDevice_->HasControlPanel();
+  if (GetHardwareDevice() == nullptr) return true;
+  try {
+    return hardwareDevice_->HasControlPanel();
+  } catch (...) {
+    // The hardware library was cut off by this very call: no device.
+    if (NSZEPGlue::HardwareCutOff()) return true;
+    throw;
+  }
 }
 
-bool COpenASIOSoundDriver::HasHardwareDevice() { return hardwareDevice_.get() != nullptr; }
+bool COpenASIOSoundDriver::HasHardwareDevice() { return GetHardwareDevice() != nullptr; }
 
 NSFerrand::CHardwareDevice* COpenASIOSoundDriver::GetHardwareDevice() {
-  return hardwareDevice_.get();
+  // A hardware library that was cut off leaves the driver without a device.
+  return NSZEPGlue::HardwareCutOff() ? nullptr : hardwareDevice_.get();
 }
 
 bool COpenASIOSoundDriver::ShowControlPanel() { return host_->ShowPanel(); }

@@ -1,6 +1,7 @@
 #include "hardware/zep_loader.h"
 
 #include <exception>
+#include <memory>
 #include <vector>
 
 
@@ -184,13 +185,33 @@ CPathText FindZEPLibrary(IZEPPlatform& platform) {
 
 CZEPLoader::CZEPLoader(IZEPPlatform& platform) : platform_(platform) {
   for (std::atomic<void*>& entry : entries_) entry.store(nullptr);
+  // Once cut off, the library is never loaded again in this process.
+  if (HardwareCutOff()) RaiseNoHardwareDevice();
   CErrorModeScope mode(platform, kErrorModeFailCriticalErrors);
   chosen_ = FindZEPLibrary(platform);
-  module_ = platform.LoadLibraryFile(chosen_);
-  if (module_ == nullptr) RaiseLoadError(platform.LastError());
+  calls_ = new CZEPCallThread();
+  try {
+    // The library and whatever it loads are its own: a fault there, on any
+    // thread, is told apart from the host's.
+    std::unique_ptr<NSPlatform::ModuleSnapshot> before(new NSPlatform::ModuleSnapshot());
+    NSPlatform::TakeModuleSnapshot(*before);
+    module_ = platform.LoadLibraryFile(chosen_);
+    if (module_ == nullptr) RaiseLoadError(platform.LastError());
+    calls_->ClaimModules(module_, *before);
+  } catch (...) {
+    NSFerrand::CGuardedThread::Finish(calls_);
+    throw;
+  }
 }
 
-CZEPLoader::~CZEPLoader() { platform_.FreeLibrary(module_); }
+CZEPLoader::~CZEPLoader() {
+  const bool quarantined = calls_->Quarantined();
+  // A thread that does not end in time is quarantined by the finish itself.
+  NSFerrand::CGuardedThread::Finish(calls_);
+  calls_ = nullptr;
+  // A library that was cut off may still run on its threads: it stays.
+  if (!quarantined && !HardwareCutOff()) platform_.FreeLibrary(module_);
+}
 
 void* CZEPLoader::Entry(EZEPEntry which) {
   void* entry = entries_[which].load(std::memory_order_acquire);

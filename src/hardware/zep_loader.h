@@ -10,6 +10,7 @@
 
 #include "failure/report.h"
 #include "hardware/zep_api.h"
+#include "hardware/zep_call_thread.h"
 #include "hardware/zep_platform.h"
 
 namespace NSZEPGlue {
@@ -37,7 +38,9 @@ uint32_t FileVersionScore(IZEPPlatform& platform, const CPathText& path);
 // beside the module.
 CPathText FindZEPLibrary(IZEPPlatform& platform);
 
-// The library, loaded for as long as this object lives.
+// The library, loaded for as long as this object lives, and the thread that
+// every call into it runs on. A library that was cut off stays loaded for
+// the rest of the process.
 class CZEPLoader {
  public:
   explicit CZEPLoader(IZEPPlatform& platform);
@@ -54,10 +57,24 @@ class CZEPLoader {
   }
   const CPathText& ChosenFile() const { return chosen_; }
 
+  // Runs `work` on the library's thread and gives its answer. `work` holds
+  // values only, never the caller's stack, and raises nothing of its own
+  // (what escapes it is the library's crash). Raises as with no device when
+  // the library is cut off, or is cut off by this call.
+  template <class Result, class Work>
+  Result Call(uint32_t deadlineMs, const Work& work) {
+    Result result{};
+    if (HardwareCutOff() || calls_->Call(deadlineMs, work, result) != NSFerrand::kCallAnswered) {
+      RaiseNoHardwareDevice();
+    }
+    return result;
+  }
+
  private:
   // Two threads that race store the same address.
   std::atomic<void*> entries_[kZEPEntryCount];
   void* module_ = nullptr;
+  CZEPCallThread* calls_ = nullptr;
   IZEPPlatform& platform_;
   CPathText chosen_;
 };

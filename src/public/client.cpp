@@ -404,7 +404,13 @@ void CQuillonClient::WorkOffConnectionChange() {
   NSZEPGlue::CGluePtr* glue = handler->GetGlue();
   if (device == nullptr || !*glue) return;
   std::vector<std::string> present;
-  (*glue)->GetCurrentDeviceNames(present);
+  try {
+    (*glue)->GetCurrentDeviceNames(present);
+  } catch (...) {
+    // Cut off by the question itself: the device has gone with the library.
+    if (NSZEPGlue::HardwareCutOff()) return;
+    throw;
+  }
   for (const std::string& name : present) {
     if (name == device->GetDeviceName()) return;
   }

@@ -29,11 +29,18 @@ CQuillonImpl::CQuillonImpl(const SLibraryParams* params) {
     if (params != nullptr && params->windowHandle != nullptr) {
       gWindowHandle = params->windowHandle;
     }
-    if (params != nullptr && (params->flags & kLibraryFlagUseHardware) != 0) {
+    // A hardware library that was cut off in this process is never asked
+    // again: this object works without one.
+    if (params != nullptr && (params->flags & kLibraryFlagUseHardware) != 0 &&
+        !NSZEPGlue::HardwareCutOff()) {
       try {
         hardwareHandler_ = new CZEPLibHandler(*PlatformProvider().hardware);
       } catch (const NSMarlet::XAlreadyExists&) {
         // One connection per process: this object works without one.
+        hardwareHandler_ = nullptr;
+      } catch (...) {
+        // Cut off while it connected: likewise.
+        if (!NSZEPGlue::HardwareCutOff()) throw;
         hardwareHandler_ = nullptr;
       }
     }

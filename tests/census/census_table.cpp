@@ -74,6 +74,17 @@ void ZEPOperation(const char* operation) {
       [=](CFakeWorld& w) { return w.ZEPCalls(name); });
 }
 
+// A hardware library that crashes or never returns: cut off, it keeps its
+// thread, its module and what its abandoned call holds for the life of the
+// process.
+void ZEPOperationFault(const char* operation, bool hang) {
+  const std::string name(operation);
+  Add("ZEPLib", name, hang ? "hangs" : "crashes", u"Box A",
+      [=](CFakeWorld&) { ZEPFake_SetFault(name.c_str(), hang ? kZEPFakeHangs : kZEPFakeCrashes); },
+      [](CFakeWorld&) { return static_cast<uint64_t>(ZEPFake_Misbehaved()); });
+  rows.back().systemKeeps = kQuarantinedDriver;
+}
+
 void ZEPPlatform(const char* call) {
   const std::string name(call);
   Add("IZEPPlatform", name, "", u"Box A", [=](CFakeWorld& w) { w.zep.failing = name; },
@@ -269,7 +280,11 @@ void Build() {
 
   // The hardware library's operations, and the system's file and module
   // services that find and load it.
-  for (const char* operation : NSZEPGlue::kZEPEntryNames) ZEPOperation(operation);
+  for (const char* operation : NSZEPGlue::kZEPEntryNames) {
+    ZEPOperation(operation);
+    ZEPOperationFault(operation, false);
+    ZEPOperationFault(operation, true);
+  }
   for (const char* call : {"LoaderModuleFileName", "FileAttributes", "FileVersionInfoSize",
                            "FileVersionInfo", "QueryFixedFileVersion", "SpecialFolderPath",
                            "LoadLibraryFile", "GetProcAddress"}) {

@@ -12,9 +12,10 @@
 
 #include "e2e/fake_world.h"
 
-// What a row keeps whose driver is quarantined: its thread (with a call
-// that never returns, and the fake's own streaming thread when stop hangs)
-// and whatever the driver and its abandoned calls hold.
+// What a row keeps whose driver or hardware library is quarantined: its
+// thread (with a call that never returns, and the fake's own streaming
+// thread when stop hangs), its module, and whatever it and its abandoned
+// calls hold.
 constexpr const char* kQuarantinedDriver = "a quarantined driver";
 
 struct SCensusRow {

@@ -1,8 +1,11 @@
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <vector>
 
 #include "e2e/e2e_support.h"
+#include "hardware/zep_call_thread.h"
 #include "failure/builder.h"
 #include "fakes/fake_wasapi.h"
 #include "driver/registry.h"
@@ -30,6 +33,8 @@ class HardwareClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ZEPFake_Reset();
+    // A library cut off before stays loaded: each test counts from here.
+    copiesAtStart = ZEPFake_LoadedCopies();
     ZEPFake_SetDevices("Dev A");
     ZEPFake_SetChannelCount(8);
     NSTestFakes::PlaceZEPLibrary("v1_999_999", module.Path(), "ZEPLib");
@@ -104,13 +109,14 @@ class HardwareClientTest : public ::testing::Test {
   IVector<const IDriverSpec*>* specs = nullptr;
   TestHost host;
   RecordingEventSink sink;
+  int32_t copiesAtStart = 0;
 };
 
 TEST_F(HardwareClientTest, WithoutTheLibraryFileCreationFailsWithNotFoundDll) {
   std::filesystem::remove(module.Path() / NSTestFakes::ZEPFileName("ZEPLib"));
   Create(NotFoundDllStatus());
   EXPECT_EQ(library, nullptr);
-  EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
+  EXPECT_EQ(ZEPFake_LoadedCopies(), copiesAtStart);
 }
 
 TEST_F(HardwareClientTest, ALibraryThatIsConnectedAlreadyLeavesTheObjectWithoutHandler) {
@@ -118,7 +124,7 @@ TEST_F(HardwareClientTest, ALibraryThatIsConnectedAlreadyLeavesTheObjectWithoutH
   Create();
   ASSERT_NE(library, nullptr);
   EXPECT_EQ(Handler(), nullptr);
-  EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
+  EXPECT_EQ(ZEPFake_LoadedCopies(), copiesAtStart);
   // Without a handler nothing is filtered, and clients are not limited.
   EXPECT_NE(Named(u"Box B"), nullptr);
   IClient* first = Open(u"Box A");
@@ -505,7 +511,7 @@ TEST_F(HardwareClientTest, TheLibraryIsDisposedAfterTheLastCloseAndUnloadedLast)
   EXPECT_LT(ZEPFakeLogPosition("ZEP_DeviceClose"), ZEPFakeLogPosition("ZEP_Dispose"));
   EXPECT_LT(ZEPFakeLogPosition("ZEP_Dispose"), ZEPFakeLogPosition("unload"));
   EXPECT_EQ(Log().back(), "unload 1.999.999.0");
-  EXPECT_EQ(ZEPFake_LoadedCopies(), 0);
+  EXPECT_EQ(ZEPFake_LoadedCopies(), copiesAtStart);
 }
 
 // The library's thread sends events while the control thread makes and
@@ -551,3 +557,166 @@ TEST_F(HardwareClientTest, EventsRaceAThousandClientsWithoutLoss) {
 }
 
 }  // namespace
+
+// A hardware library that crashes or never returns is cut off for the
+// process: the client plays on and its hardware operations answer as with
+// no device. Natively a crash is a C++ exception out of the call.
+class HardwareContainmentTest : public HardwareClientTest {
+ protected:
+  void TearDown() override {
+    HardwareClientTest::TearDown();
+    NSFerrand::SetCallDeadlineScale(100);
+    NSZEPGlue::ForgetHardwareCutOff();
+  }
+  static int64_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start)
+        .count();
+  }
+  // Everything a host sees of a client whose hardware library is cut off.
+  void ExpectNoDeviceAndPlaying(IClient* client) {
+    const size_t calls = ZEPFakeLogCount("ZEP_");
+    uint8_t has = 9;
+    EXPECT_EQ(client->HasHardwareDevice(&has), kStatusOk);
+    EXPECT_EQ(has, 0);
+    int32_t padded = 0;
+    float padding = 0.0f;
+    EXPECT_EQ(client->GetGainSafePaddedChannel(0, &padded), kNoDeviceStatus);
+    EXPECT_EQ(client->GetGainSafePaddingDb(0, &padding), kNoDeviceStatus);
+    EXPECT_EQ(client->SetGainSafeRoutingEnable(0, 1), kNoDeviceStatus);
+    EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState1), kNoDeviceStatus);
+    EXPECT_EQ(client->SetChannelActiveIndicator(0, 1), kNoDeviceStatus);
+    EXPECT_EQ(client->ClearDirectMonitoring(), kNoDeviceStatus);
+    // Without a device, the driver's own panel is the answer.
+    uint32_t panel = 9;
+    EXPECT_EQ(client->HasControlPanel(&panel), kStatusOk);
+    EXPECT_EQ(panel, 1u);
+    // Events of the library reach nobody, and connection changes nothing.
+    ZEPFake_FireButton(ZEPFake_DeviceHandle("Dev A"), 1);
+    ZEPFake_FireConnection();
+    EXPECT_EQ(client->Idle(), kStatusOk);
+    EXPECT_TRUE(sink.Events().empty());
+    // Nothing of it was asked of the library.
+    EXPECT_EQ(ZEPFakeLogCount("ZEP_"), calls);
+    const uint64_t blocks = host.drivenBlocks.load();
+    EXPECT_TRUE(WaitFor([&] { return host.drivenBlocks.load() > blocks + 10; }, 10000));
+    EXPECT_EQ(host.lost.load(), 0);
+  }
+  // Ends the client and the library in time, never calling the library, and
+  // leaves it loaded; a new library object works without it.
+  void ExpectEndsAndStaysCutOff(IClient* client) {
+    const size_t calls = ZEPFakeLogCount("ZEP_");
+    const auto start = std::chrono::steady_clock::now();
+    QuillonDestroy(client);
+    EXPECT_LT(MillisecondsSince(start), 8000);
+    QuillonDestroy(specs);
+    specs = nullptr;
+    const auto ending = std::chrono::steady_clock::now();
+    QuillonDestroy(library);
+    library = nullptr;
+    EXPECT_LT(MillisecondsSince(ending), 8000);
+    EXPECT_EQ(ZEPFakeLogCount("ZEP_"), calls);
+    EXPECT_EQ(ZEPFakeLogCount("unload"), 0u);
+    EXPECT_EQ(ZEPFake_LoadedCopies(), copiesAtStart + 1);
+    Create();
+    ASSERT_NE(library, nullptr);
+    EXPECT_EQ(Handler(), nullptr);
+    EXPECT_EQ(ZEPFakeLogCount("load"), 1u);
+    IClient* next = Open(u"Box A", &sink);
+    uint8_t has = 9;
+    EXPECT_EQ(next->HasHardwareDevice(&has), kStatusOk);
+    EXPECT_EQ(has, 0);
+    QuillonDestroy(next);
+    EXPECT_EQ(ZEPFakeLogCount("ZEP_"), calls);
+  }
+};
+
+TEST_F(HardwareContainmentTest, AnOperationThatNeverReturnsEndsAtItsDeadlineAndCutsTheLibraryOff) {
+  Create();
+  IClient* client = Open(u"Box A", &sink);
+  uint8_t has = 0;
+  ASSERT_EQ(client->HasHardwareDevice(&has), kStatusOk);
+  ASSERT_EQ(has, 1);
+  ZEPFake_SetFault("ZEP_GetDeviceChannelGainSafePaddedChannel", kZEPFakeHangs);
+  const uint32_t misbehaved = ZEPFake_Misbehaved();
+  int32_t padded = 0;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(client->GetGainSafePaddedChannel(0, &padded), kNoDeviceStatus);
+  // The question's own deadline, and a margin that holds on a loaded machine.
+  const int64_t waited = MillisecondsSince(start);
+  EXPECT_GE(waited, static_cast<int64_t>(NSZEPGlue::kZEPQueryCallMs) - 50);
+  EXPECT_LT(waited, static_cast<int64_t>(NSZEPGlue::kZEPQueryCallMs) + 6000);
+  EXPECT_EQ(ZEPFake_Misbehaved(), misbehaved + 1);
+  ExpectNoDeviceAndPlaying(client);
+  ExpectEndsAndStaysCutOff(client);
+}
+
+TEST_F(HardwareContainmentTest, AnOperationThatCrashesCutsTheLibraryOff) {
+  Create();
+  IClient* client = Open(u"Box A", &sink);
+  ZEPFake_SetFault("ZEP_SetDeviceGainSafeIndicator", kZEPFakeCrashes);
+  EXPECT_EQ(client->SetGainSafeIndicator(kGainSafeIndicatorState2), kNoDeviceStatus);
+  ExpectNoDeviceAndPlaying(client);
+  ExpectEndsAndStaysCutOff(client);
+}
+
+TEST_F(HardwareContainmentTest, ADeviceOpenThatNeverReturnsLeavesTheDriverPlayingWithoutDevice) {
+  NSFerrand::SetCallDeadlineScale(10);
+  Create();
+  ZEPFake_SetFault("ZEP_DeviceOpen", kZEPFakeHangs);
+  const auto start = std::chrono::steady_clock::now();
+  IClient* client = Open(u"Box A", &sink);
+  EXPECT_LT(MillisecondsSince(start), 8000);
+  ASSERT_NE(client, nullptr);
+  ExpectNoDeviceAndPlaying(client);
+  ExpectEndsAndStaysCutOff(client);
+}
+
+TEST_F(HardwareContainmentTest, ACreationThatNeverReturnsGivesALibraryObjectWithoutHardware) {
+  NSFerrand::SetCallDeadlineScale(10);
+  ZEPFake_SetFault("ZEP_Create", kZEPFakeHangs);
+  const auto start = std::chrono::steady_clock::now();
+  Create();
+  EXPECT_LT(MillisecondsSince(start), 8000);
+  ASSERT_NE(library, nullptr);
+  EXPECT_EQ(Handler(), nullptr);
+  // Without a connection, every driver is listed, as for a host that asked
+  // for no hardware.
+  EXPECT_NE(Named(u"Box B"), nullptr);
+  IClient* client = Open(u"Box A", &sink);
+  ExpectNoDeviceAndPlaying(client);
+  ExpectEndsAndStaysCutOff(client);
+}
+
+TEST_F(HardwareContainmentTest, ADisposalThatNeverReturnsEndsTheLibraryObjectInTime) {
+  NSFerrand::SetCallDeadlineScale(10);
+  Create();
+  IClient* client = Open(u"Box A", &sink);
+  QuillonDestroy(client);
+  ZEPFake_SetFault("ZEP_Dispose", kZEPFakeHangs);
+  QuillonDestroy(specs);
+  specs = nullptr;
+  const auto start = std::chrono::steady_clock::now();
+  QuillonDestroy(library);
+  library = nullptr;
+  EXPECT_LT(MillisecondsSince(start), 8000);
+  EXPECT_EQ(ZEPFakeLogCount("unload"), 0u);
+  EXPECT_EQ(ZEPFake_LoadedCopies(), copiesAtStart + 1);
+  EXPECT_TRUE(NSZEPGlue::HardwareCutOff());
+  // Events that the library still sends reach nobody.
+  EXPECT_EQ(ZEPFake_FireButton(ZEPFake_DeviceHandle("Dev A"), 1), 0u);
+  EXPECT_TRUE(sink.Events().empty());
+}
+
+#if defined(_WIN32)
+// A fault of the library's code on its own event thread parks that thread
+// and cuts the library off; the host goes on.
+TEST_F(HardwareContainmentTest, ACrashOnTheLibrarysOwnThreadCutsItOff) {
+  Create();
+  IClient* client = Open(u"Box A", &sink);
+  ZEPFake_PostCrash();
+  EXPECT_TRUE(WaitFor([] { return NSZEPGlue::HardwareCutOff(); }, 10000));
+  ExpectNoDeviceAndPlaying(client);
+  ExpectEndsAndStaysCutOff(client);
+}
+#endif

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <stdexcept>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -15,6 +16,7 @@ constexpr uint32_t kNoCallback = 0xFFFFFFFFu;
 constexpr uintptr_t kFirstHandle = 0x101;
 
 struct SEvent {
+  bool crash;
   bool button;
   uintptr_t device;
   uint32_t number;
@@ -51,6 +53,9 @@ struct SState {
   bool inFlight = false;
   uint32_t delivered = 0;
   bool threadStarted = false;
+  std::map<std::string, uint32_t> faults;
+  uint32_t misbehaved = 0;
+  void (*crash)() = nullptr;
 };
 
 SState& State() {
@@ -65,6 +70,15 @@ void EventLoop() {
     state.changed.wait(lock, [&] { return !state.events.empty(); });
     const SEvent event = state.events.front();
     state.events.pop_front();
+    if (event.crash) {
+      void (*crash)() = state.crash;
+      // This thread goes with the crash: the next event starts another.
+      state.threadStarted = false;
+      lock.unlock();
+      if (crash != nullptr) crash();
+      lock.lock();
+      continue;
+    }
     const ZEPFakeConnectionCallback connection = state.connection;
     const ZEPFakeButtonCallback button = state.button;
     void* context = state.context;
@@ -102,6 +116,31 @@ uint32_t ResultOf(SState& state, const std::string& operation) {
   return found == state.results.end() ? 0 : found->second;
 }
 
+// A call told to misbehave does so here, outside the lock: the other calls
+// of the process go on.
+void MaybeMisbehave(const char* operation) {
+  SState& state = State();
+  void (*crash)() = nullptr;
+  uint32_t fault = kZEPFakeBehaves;
+  {
+    std::lock_guard<std::mutex> lock(state.mutex);
+    const auto found = state.faults.find(operation);
+    if (found == state.faults.end() || found->second == kZEPFakeBehaves) return;
+    fault = found->second;
+    crash = state.crash;
+    ++state.misbehaved;
+  }
+  if (fault == kZEPFakeCrashes) {
+    if (crash != nullptr) crash();
+    // No library to crash in: the exception stands for it.
+    throw std::runtime_error("the hardware library crashed");
+  }
+  // Never set free: the gate outlives every test of the process.
+  static auto* gate = new std::pair<std::mutex, std::condition_variable>();
+  std::unique_lock<std::mutex> hold(gate->first);
+  gate->second.wait(hold, [] { return false; });
+}
+
 uint32_t Fire(const SEvent& wanted) {
   SState& state = State();
   std::unique_lock<std::mutex> lock(state.mutex);
@@ -136,6 +175,42 @@ void ZEPFake_Reset() {
   state.controlPanelAnswer = 1;
   state.log.clear();
   state.delivered = 0;
+  state.faults.clear();
+  // A library cut off by a fault was never disposed of: it starts anew.
+  state.created = false;
+  state.connection = nullptr;
+  state.button = nullptr;
+  state.context = nullptr;
+}
+
+void ZEPFake_SetFault(const char* operation, uint32_t fault) {
+  SState& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.faults[operation] = fault;
+}
+
+uint32_t ZEPFake_Misbehaved() {
+  SState& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  return state.misbehaved;
+}
+
+void ZEPFake_PostCrash() {
+  SState& state = State();
+  std::unique_lock<std::mutex> lock(state.mutex);
+  Post(lock, state, SEvent{true, false, 0, 0, nullptr, nullptr});
+}
+
+void ZEPFake_SetCrasher(void (*crash)()) {
+  SState& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.crash = crash;
+}
+
+void ZEPFake_ForgetCrasher(void (*crash)()) {
+  SState& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  if (state.crash == crash) state.crash = nullptr;
 }
 
 void ZEPFake_SetDevices(const char* names) {
@@ -183,23 +258,23 @@ uintptr_t ZEPFake_DeviceHandle(const char* name) {
   return found == state.handles.end() ? 0 : found->second;
 }
 
-uint32_t ZEPFake_FireConnection() { return Fire(SEvent{false, 0, 0, nullptr, nullptr}); }
+uint32_t ZEPFake_FireConnection() { return Fire(SEvent{false, false, 0, 0, nullptr, nullptr}); }
 
 uint32_t ZEPFake_FireButton(uintptr_t device, uint32_t button) {
-  return Fire(SEvent{true, device, button, nullptr, nullptr});
+  return Fire(SEvent{false, true, device, button, nullptr, nullptr});
 }
 
 void ZEPFake_PostConnections(uint32_t count) {
   SState& state = State();
   std::unique_lock<std::mutex> lock(state.mutex);
-  for (uint32_t i = 0; i < count; ++i) Post(lock, state, SEvent{false, 0, 0, nullptr, nullptr});
+  for (uint32_t i = 0; i < count; ++i) Post(lock, state, SEvent{false, false, 0, 0, nullptr, nullptr});
 }
 
 void ZEPFake_PostButtons(uintptr_t device, uint32_t button, uint32_t count) {
   SState& state = State();
   std::unique_lock<std::mutex> lock(state.mutex);
   for (uint32_t i = 0; i < count; ++i) {
-    Post(lock, state, SEvent{true, device, button, nullptr, nullptr});
+    Post(lock, state, SEvent{false, true, device, button, nullptr, nullptr});
   }
 }
 
@@ -254,6 +329,7 @@ void ZEPFake_NoteLoad(const char* version, int loaded) {
 }
 
 uint32_t ZEPFake_Call(const char* operation, const char* arguments) {
+  MaybeMisbehave(operation);
   SState& state = State();
   std::lock_guard<std::mutex> lock(state.mutex);
   std::string line = operation;
@@ -264,6 +340,7 @@ uint32_t ZEPFake_Call(const char* operation, const char* arguments) {
 
 uint32_t ZEPFake_Create(ZEPFakeConnectionCallback connection, ZEPFakeButtonCallback button,
                         void* context, const char* arguments) {
+  MaybeMisbehave("ZEP_Create");
   SState& state = State();
   std::lock_guard<std::mutex> lock(state.mutex);
   state.log.push_back(std::string("ZEP_Create ") + arguments);
@@ -277,6 +354,7 @@ uint32_t ZEPFake_Create(ZEPFakeConnectionCallback connection, ZEPFakeButtonCallb
 }
 
 uint32_t ZEPFake_Dispose() {
+  MaybeMisbehave("ZEP_Dispose");
   SState& state = State();
   std::unique_lock<std::mutex> lock(state.mutex);
   state.log.push_back("ZEP_Dispose");
@@ -290,6 +368,7 @@ uint32_t ZEPFake_Dispose() {
 }
 
 uint32_t ZEPFake_GetCurrentDevices(const char** names, uint32_t* count) {
+  MaybeMisbehave("ZEP_GetCurrentDevices");
   SState& state = State();
   std::lock_guard<std::mutex> lock(state.mutex);
   state.log.push_back(names == nullptr ? "ZEP_GetCurrentDevices count" : "ZEP_GetCurrentDevices names");
@@ -306,6 +385,7 @@ uint32_t ZEPFake_GetCurrentDevices(const char** names, uint32_t* count) {
 }
 
 uint32_t ZEPFake_DeviceOpen(const char* name, uintptr_t* device) {
+  MaybeMisbehave("ZEP_DeviceOpen");
   SState& state = State();
   std::lock_guard<std::mutex> lock(state.mutex);
   state.log.push_back(std::string("ZEP_DeviceOpen ") + name);

@@ -57,7 +57,26 @@ ZEP_FAKE_API int32_t ZEPFake_LoadedCopies();
 // Whether ZEP_Create has come without its ZEP_Dispose.
 ZEP_FAKE_API int32_t ZEPFake_Created();
 
+// Faults, by operation name: 1 crashes inside the call (an access violation
+// in the library's own code on Windows, a C++ exception elsewhere), 2 never
+// returns; 0 behaves. Reset clears them.
+constexpr uint32_t kZEPFakeBehaves = 0;
+constexpr uint32_t kZEPFakeCrashes = 1;
+constexpr uint32_t kZEPFakeHangs = 2;
+ZEP_FAKE_API void ZEPFake_SetFault(const char* operation, uint32_t fault);
+// Calls that crashed or hung so far in the process.
+ZEP_FAKE_API uint32_t ZEPFake_Misbehaved();
+// The event thread crashes in the library's code once the events before
+// have gone (Windows only: elsewhere the crash would end the process); the
+// next event starts a new thread.
+ZEP_FAKE_API void ZEPFake_PostCrash();
+
 // The library's side.
+// How the library crashes: its own function, so that the fault lies in its
+// module.
+ZEP_FAKE_API void ZEPFake_SetCrasher(void (*crash)());
+// At unload: a crasher that is this one goes.
+ZEP_FAKE_API void ZEPFake_ForgetCrasher(void (*crash)());
 ZEP_FAKE_API void ZEPFake_NoteLoad(const char* version, int loaded);
 ZEP_FAKE_API uint32_t ZEPFake_Call(const char* operation, const char* arguments);
 ZEP_FAKE_API uint32_t ZEPFake_Create(ZEPFakeConnectionCallback connection,

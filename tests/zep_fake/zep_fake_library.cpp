@@ -2,6 +2,7 @@
 // by the control library. Built once per version; see the CMake file.
 #include <cstdint>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 
 #include "hardware/zep_platform.h"
@@ -43,21 +44,44 @@ Result Call(const char* operation, const std::string& arguments) {
   return ZEPFake_Call(operation, arguments.c_str());
 }
 
+// A crash whose faulting instruction lies in this library; where no fault
+// can be contained, a C++ exception out of the call stands for it.
+void Crash() {
+#if defined(_WIN32)
+  volatile uintptr_t nowhere = 0;
+  *reinterpret_cast<volatile int*>(nowhere) = 1;
+#else
+  throw std::runtime_error("the hardware library crashed");
+#endif
+}
+
 #if defined(_WIN32)
 }  // namespace
 
 BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
-  if (reason == DLL_PROCESS_ATTACH) ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 1);
+  if (reason == DLL_PROCESS_ATTACH) {
+    ZEPFake_SetCrasher(&Crash);
+    ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 1);
+  }
   // At process exit other threads are gone, perhaps holding the control
   // library's lock: only a real unload is noted.
-  if (reason == DLL_PROCESS_DETACH && reserved == nullptr) ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 0);
+  if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
+    ZEPFake_ForgetCrasher(&Crash);
+    ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 0);
+  }
   return TRUE;
 }
 
 namespace {
 #else
-__attribute__((constructor)) void NoteLoad() { ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 1); }
-__attribute__((destructor)) void NoteUnload() { ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 0); }
+__attribute__((constructor)) void NoteLoad() {
+  ZEPFake_SetCrasher(&Crash);
+  ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 1);
+}
+__attribute__((destructor)) void NoteUnload() {
+  ZEPFake_ForgetCrasher(&Crash);
+  ZEPFake_NoteLoad(ZEP_VERSION_TEXT, 0);
+}
 #endif
 
 }  // namespace
