@@ -41,6 +41,8 @@ constexpr HResult kAudioServiceNotRunning = static_cast<HResult>(0x88890010u);
 constexpr HResult kAudioExclusiveModeNotAllowed = static_cast<HResult>(0x8889000Eu);
 constexpr HResult kAudioBufferSizeNotAligned = static_cast<HResult>(0x88890019u);
 constexpr HResult kAudioBufferSizeError = static_cast<HResult>(0x88890016u);
+constexpr HResult kAudioInvalidDevicePeriod = static_cast<HResult>(0x88890020u);
+constexpr HResult kAudioEnginePeriodicityLocked = static_cast<HResult>(0x88890028u);
 
 enum EShareMode : uint32_t { kShareModeShared = 0, kShareModeExclusive = 1 };
 constexpr uint32_t kStreamFlagEventCallback = 0x00040000u;
@@ -129,6 +131,9 @@ class IWasapiApi {
   virtual HResult GetSharedModeEnginePeriod(WClient client, const SWaveFormat& format,
                                             uint32_t* defaultFrames, uint32_t* fundamentalFrames,
                                             uint32_t* minimumFrames, uint32_t* maximumFrames) = 0;
+  // The period the shared engine runs at now, which another application may
+  // have set.
+  virtual HResult GetCurrentSharedModeEnginePeriod(WClient client, uint32_t* frames) = 0;
   virtual HResult InitializeSharedAudioStream(WClient client, uint32_t flags,
                                               uint32_t periodFrames,
                                               const SWaveFormat& format) = 0;

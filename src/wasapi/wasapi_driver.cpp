@@ -51,10 +51,17 @@ uint32_t FramesOfDuration(int64_t duration, uint32_t sampleRate) {
   return frames > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(frames);
 }
 
+uint32_t FramesOfDurationUp(int64_t duration, uint32_t sampleRate) {
+  if (duration <= 0) return 0;
+  const uint64_t frames = (static_cast<uint64_t>(duration) * sampleRate + kHundredNsPerSecond - 1) /
+                          kHundredNsPerSecond;
+  return frames > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(frames);
+}
+
 int64_t DurationOfFrames(uint32_t frames, uint32_t sampleRate) {
   if (sampleRate == 0) return 0;
   return static_cast<int64_t>((static_cast<uint64_t>(frames) * kHundredNsPerSecond +
-                               sampleRate / 2) /
+                               sampleRate - 1) /
                               sampleRate);
 }
 
@@ -71,6 +78,20 @@ std::vector<uint32_t> SharedSizes(uint32_t minimum, uint32_t maximum, uint32_t f
 
 uint32_t NearestSize(const std::vector<uint32_t>& sizes, uint32_t requested) {
   return sizes.empty() ? requested : NSFerrand::FindNearestValue(sizes, requested);
+}
+
+uint32_t SharedPeriodFor(const std::vector<uint32_t>& sizes, uint32_t defaultFrames,
+                         uint32_t requested) {
+  if (requested == 0 || requested >= defaultFrames || sizes.empty()) return defaultFrames;
+  for (uint32_t size : sizes) {
+    if (size >= requested) return std::min(size, defaultFrames);
+  }
+  return defaultFrames;
+}
+
+void OfferSize(std::vector<uint32_t>& sizes, uint32_t size) {
+  const auto at = std::lower_bound(sizes.begin(), sizes.end(), size);
+  if (at == sizes.end() || *at != size) sizes.insert(at, size);
 }
 
 uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block) {
@@ -106,11 +127,12 @@ void InterleaveInto(const float* const* channels, uint32_t channelCount, uint32_
 COpenWasapiSoundDriver::COpenWasapiSoundDriver(const CWasapiRegisteredSoundDriver& registered,
                                                NSFerrand::MSoundRenderer* renderer,
                                                const CSoundDriverSettings* settings)
-    : registered_(registered), api_(registered.Api()), renderer_(renderer) {
+    : registered_(registered),
+      control_(registered.SharedApi()),
+      api_(*control_),
+      stream_(registered.StreamApi()),
+      renderer_(renderer) {
   try {
-    const HResult com = api_.CoInitialize();
-    comInitialised_ = com >= 0;
-    if (com < 0 && com != kComChangedMode) ThrowOnWasapiResult(com);
     ThrowOnWasapiResult(api_.CreateEnumerator(&enumerator_));
     if (registered_.Mode() == kShareModeExclusive) FindExclusiveFormats();
     const uint32_t rate = settings != nullptr ? settings->sampleRate : 0;
@@ -120,7 +142,6 @@ COpenWasapiSoundDriver::COpenWasapiSoundDriver(const CWasapiRegisteredSoundDrive
   } catch (...) {
     CloseStream();
     if (enumerator_ != nullptr) api_.ReleaseEnumerator(enumerator_);
-    if (comInitialised_) api_.CoUninitialize();
     throw;
   }
 }
@@ -129,7 +150,6 @@ COpenWasapiSoundDriver::~COpenWasapiSoundDriver() {
   NSMarlet::COptionalFailureScope scope;
   CloseStream();
   if (enumerator_ != nullptr) api_.ReleaseEnumerator(enumerator_);
-  if (comInitialised_) api_.CoUninitialize();
 }
 
 void COpenWasapiSoundDriver::Activate() {
@@ -137,6 +157,12 @@ void COpenWasapiSoundDriver::Activate() {
   ThrowOnWasapiResult(api_.ActivateClient(enumerator_, registered_.Endpoint().id, &client_, &client3));
   if (client_ == nullptr) RaiseCannotOpen();
   client3_ = client3;
+}
+
+void COpenWasapiSoundDriver::Reactivate() {
+  api_.ReleaseClient(client_);
+  client_ = nullptr;
+  Activate();
 }
 
 void COpenWasapiSoundDriver::FindExclusiveFormats() {
@@ -182,39 +208,53 @@ void COpenWasapiSoundDriver::OpenShared(uint32_t frames) {
   sample_ = sample;
   channels_ = mix.channels;
   sampleRate_ = mix.samplesPerSecond;
-  bool initialised = false;
-  if (client3_) {
-    uint32_t defaultFrames = 0;
-    uint32_t fundamental = 0;
-    uint32_t minimum = 0;
-    uint32_t maximum = 0;
-    if (NSFerrand::ComSucceeded(api_.GetSharedModeEnginePeriod(
-            client_, mix, &defaultFrames, &fundamental, &minimum, &maximum))) {
-      sizes_ = SharedSizes(minimum, maximum, fundamental);
-      const uint32_t period = NearestSize(sizes_, frames != 0 ? frames : minimum);
-      if (period != 0 &&
-          NSFerrand::ComSucceeded(
-              api_.InitializeSharedAudioStream(client_, kStreamFlagEventCallback, period, mix))) {
-        blockFrames_ = period;
-        initialised = true;
-      } else {
-        // A client that took part of the try cannot be initialised again.
-        api_.ReleaseClient(client_);
-        client_ = nullptr;
-        Activate();
-      }
-    }
-  }
-  if (!initialised) {
+  if (!client3_ || !InitialiseLowLatency(mix, frames)) {
     int64_t defaultPeriod = 0;
     int64_t minimumPeriod = 0;
     ThrowOnWasapiResult(api_.GetDevicePeriod(client_, &defaultPeriod, &minimumPeriod));
     ThrowOnWasapiResult(
         api_.Initialize(client_, kShareModeShared, kStreamFlagEventCallback, 0, 0, mix));
     blockFrames_ = FramesOfDuration(defaultPeriod, sampleRate_);
+    defaultFrames_ = blockFrames_;
     sizes_ = {blockFrames_};
   }
   ThrowOnWasapiResult(api_.GetBufferSize(client_, &engineFrames_));
+}
+
+bool COpenWasapiSoundDriver::InitialiseLowLatency(const SWaveFormat& mix, uint32_t frames) {
+  uint32_t defaultFrames = 0;
+  uint32_t fundamental = 0;
+  uint32_t minimum = 0;
+  uint32_t maximum = 0;
+  if (!NSFerrand::ComSucceeded(api_.GetSharedModeEnginePeriod(client_, mix, &defaultFrames,
+                                                             &fundamental, &minimum, &maximum)) ||
+      defaultFrames == 0) {
+    return false;
+  }
+  sizes_ = SharedSizes(minimum, maximum, fundamental);
+  OfferSize(sizes_, defaultFrames);
+  defaultFrames_ = defaultFrames;
+  // The engine's period is the machine's: it is lowered only for a host
+  // that asks for less than the default.
+  uint32_t period = SharedPeriodFor(sizes_, defaultFrames, frames);
+  HResult result = api_.InitializeSharedAudioStream(client_, kStreamFlagEventCallback, period, mix);
+  if (result == kAudioEnginePeriodicityLocked) {
+    // Another application holds the engine at its own period: join it.
+    uint32_t current = 0;
+    if (NSFerrand::ComSucceeded(api_.GetCurrentSharedModeEnginePeriod(client_, &current)) &&
+        current != 0) {
+      Reactivate();
+      period = current;
+      result = api_.InitializeSharedAudioStream(client_, kStreamFlagEventCallback, period, mix);
+    }
+  }
+  if (!NSFerrand::ComSucceeded(result)) {
+    Reactivate();
+    return false;
+  }
+  blockFrames_ = period;
+  OfferSize(sizes_, period);
+  return true;
 }
 
 void COpenWasapiSoundDriver::OpenExclusive(uint32_t sampleRate, uint32_t frames) {
@@ -228,37 +268,59 @@ void COpenWasapiSoundDriver::OpenExclusive(uint32_t sampleRate, uint32_t frames)
   int64_t defaultPeriod = 0;
   int64_t minimumPeriod = 0;
   ThrowOnWasapiResult(api_.GetDevicePeriod(client_, &defaultPeriod, &minimumPeriod));
-  const uint32_t minimumFrames = std::max(FramesOfDuration(minimumPeriod, sampleRate_), 16u);
+  // Rounded up: a period a frame short of the minimum is refused.
+  const uint32_t minimumFrames = std::max(FramesOfDurationUp(minimumPeriod, sampleRate_), 16u);
   const uint32_t defaultFrames = std::max(FramesOfDuration(defaultPeriod, sampleRate_), minimumFrames);
   sizes_.clear();
   for (uint32_t size = minimumFrames; size <= 8 * defaultFrames && size <= kWasapiMaxBlockFrames;
        size *= 2) {
     sizes_.push_back(size);
   }
-  if (std::find(sizes_.begin(), sizes_.end(), defaultFrames) == sizes_.end() &&
-      defaultFrames <= kWasapiMaxBlockFrames) {
-    sizes_.push_back(defaultFrames);
-    std::sort(sizes_.begin(), sizes_.end());
-  }
+  if (defaultFrames <= kWasapiMaxBlockFrames) OfferSize(sizes_, defaultFrames);
+  defaultFrames_ = defaultFrames;
   const uint32_t size = NearestSize(sizes_, frames != 0 ? frames : defaultFrames);
-  const SWaveFormat format = StereoFormat(sampleRate_, sample_);
-  int64_t period = DurationOfFrames(size, sampleRate_);
-  HResult result = api_.Initialize(client_, kShareModeExclusive, kStreamFlagEventCallback, period,
-                                   period, format);
-  if (result == kAudioBufferSizeNotAligned) {
-    // The engine tells the aligned size; a new client takes it.
-    uint32_t aligned = 0;
-    ThrowOnWasapiResult(api_.GetBufferSize(client_, &aligned));
-    api_.ReleaseClient(client_);
-    client_ = nullptr;
-    Activate();
-    period = DurationOfFrames(aligned, sampleRate_);
-    result = api_.Initialize(client_, kShareModeExclusive, kStreamFlagEventCallback, period,
-                             period, format);
-  }
-  ThrowOnWasapiResult(result);
+  ThrowOnWasapiResult(InitialiseExclusive(StereoFormat(sampleRate_, sample_), size,
+                                          minimumPeriod, defaultPeriod));
   ThrowOnWasapiResult(api_.GetBufferSize(client_, &engineFrames_));
   blockFrames_ = engineFrames_;
+  // The size the device settled on is one the host may ask for again.
+  if (blockFrames_ != 0 && blockFrames_ <= kWasapiMaxBlockFrames) OfferSize(sizes_, blockFrames_);
+}
+
+HResult COpenWasapiSoundDriver::InitialiseExclusive(const SWaveFormat& format, uint32_t frames,
+                                                    int64_t minimumPeriod, int64_t defaultPeriod) {
+  int64_t period = std::max(DurationOfFrames(frames, sampleRate_), minimumPeriod);
+  HResult result = kHResultFail;
+  // Each refusal names what to ask for next; a few tries settle it.
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    result = api_.Initialize(client_, kShareModeExclusive, kStreamFlagEventCallback, period,
+                             period, format);
+    if (result >= 0) return result;
+    int64_t next = 0;
+    if (result == kAudioBufferSizeNotAligned) {
+      // The engine tells the aligned size.
+      uint32_t aligned = 0;
+      if (api_.GetBufferSize(client_, &aligned) < 0 || aligned == 0) return result;
+      next = DurationOfFrames(aligned, sampleRate_);
+    } else if (result == kAudioInvalidDevicePeriod) {
+      next = period < minimumPeriod ? minimumPeriod : std::max(defaultPeriod, minimumPeriod);
+    } else if (result == kAudioBufferSizeError) {
+      next = std::max(defaultPeriod, minimumPeriod);
+    } else {
+      return result;
+    }
+    if (next <= 0 || next == period) return result;
+    period = next;
+    Reactivate();
+  }
+  return result;
+}
+
+uint32_t COpenWasapiSoundDriver::KeptFrames(uint32_t requested) const {
+  if (registered_.Mode() == kShareModeShared && client3_ && defaultFrames_ != 0) {
+    return SharedPeriodFor(sizes_, defaultFrames_, requested);
+  }
+  return NearestSize(sizes_, requested);
 }
 
 void COpenWasapiSoundDriver::StartStream() {
@@ -272,7 +334,10 @@ void COpenWasapiSoundDriver::StartStream() {
     clock_ = nullptr;
     clockFrequency_ = 0;
   }
-  for (uint32_t c = 0; c < channels_; ++c) {
+  // Channels come in pairs: an odd last channel has a partner that is
+  // rendered and never played.
+  const uint32_t rendered = (channels_ + 1) / 2 * 2;
+  for (uint32_t c = 0; c < rendered; ++c) {
     float* buffer = NSFerrand::NewAlignedFloats(blockFrames_);
     try {
       outputs_.push_back(buffer);
@@ -283,12 +348,14 @@ void COpenWasapiSoundDriver::StartStream() {
   }
   staging_.assign(blockFrames_, 0);
   framesWritten_ = 0;
+  prerollFrames_ = 0;
   // An exclusive buffer starts out silent, so that its first period plays
-  // nothing stale.
+  // nothing stale; the host's first frame follows that silence.
   if (registered_.Mode() == kShareModeExclusive) {
     uint8_t* data = nullptr;
     ThrowOnWasapiResult(api_.GetBuffer(render_, engineFrames_, &data));
     ThrowOnWasapiResult(api_.ReleaseBuffer(render_, engineFrames_, kSilentFlag));
+    prerollFrames_ = engineFrames_;
   }
   ThrowOnWasapiResult(api_.Start(client_));
   try {
@@ -322,7 +389,7 @@ void COpenWasapiSoundDriver::CloseStream() {
 
 void COpenWasapiSoundDriver::Run() {
   // The engine's objects are free-threaded; COM wants to know this thread.
-  const bool com = api_.CoInitialize() >= 0;
+  const bool com = stream_.CoInitialize() >= 0;
   // "Pro Audio" where the system has it; without it the thread goes on.
   NSPlatform::SRealtimeClass realtime;
   NSPlatform::EnterRealtimeClass(realtime);
@@ -330,10 +397,11 @@ void COpenWasapiSoundDriver::Run() {
     NSPlatform::EWaitResult woken;
     {
       NSPlatform::CPeriodWait period;
-      woken = api_.WaitEngineEvent(event_, kEventWaitMs);
+      woken = stream_.WaitEngineEvent(event_, kEventWaitMs);
     }
     if (woken == NSPlatform::kWaitFailed) failed_ = true;
     if (woken == NSPlatform::kWaitObject) StreamPump();
+    if (woken == NSPlatform::kWaitTimeout) ProbeStalledStream();
     // The opener's release of the stop mutex is the signal to end.
     const NSFerrand::EStopWaitStep step = stopMutex_->WaitForStop(0);
     if (step == NSFerrand::kStopAsked) break;
@@ -343,55 +411,78 @@ void COpenWasapiSoundDriver::Run() {
     }
   }
   NSPlatform::LeaveRealtimeClass(realtime);
-  if (com) api_.CoUninitialize();
+  if (com) stream_.CoUninitialize();
 }
 
+void COpenWasapiSoundDriver::ProbeStalledStream() {
+  if (failed_) return;
+  uint32_t padding = 0;
+  if (stream_.GetCurrentPadding(client_, &padding) < 0) failed_ = true;
+}
+
+// A failure here only sets the flag: the audio thread neither raises nor
+// allocates, and the control thread tells the host.
 void COpenWasapiSoundDriver::StreamPump() {
   if (failed_) return;
-  try {
+  const bool exclusive = registered_.Mode() == kShareModeExclusive;
+  // Frames in the stream so far, the silence before the host's included.
+  const uint64_t queued = framesWritten_.load() + prerollFrames_;
+  uint32_t room = 0;
+  uint64_t played = 0;
+  if (exclusive) {
+    // An exclusive stream takes a whole buffer on every event, whatever the
+    // padding says; the engine plays the one before meanwhile.
+    room = engineFrames_;
+    played = queued > engineFrames_ ? queued - engineFrames_ : 0;
+  } else {
     uint32_t padding = 0;
-    ThrowOnWasapiResult(api_.GetCurrentPadding(client_, &padding));
-    uint32_t room = FramesToWrite(engineFrames_, padding, blockFrames_);
-    uint64_t played = framesWritten_.load() - padding;
-    uint64_t systemTime = 0;
-    if (clock_ != nullptr && clockFrequency_ != 0) {
-      uint64_t position = 0;
-      uint64_t time = 0;
-      if (api_.GetClockPosition(clock_, &position, &time) >= 0) {
-        played = static_cast<uint64_t>(static_cast<double>(position) * sampleRate_ /
-                                       static_cast<double>(clockFrequency_));
-        systemTime = time * 100;
-      }
+    if (stream_.GetCurrentPadding(client_, &padding) < 0) {
+      failed_ = true;
+      return;
     }
-    while (room >= blockFrames_) {
-      const uint64_t first = framesWritten_.load();
-      // When the block's first frame will sound.
-      const uint64_t ahead = first > played ? first - played : 0;
-      const uint64_t when = systemTime != 0 ? systemTime + ahead * 1000000000ull / sampleRate_ : 0;
-      uint8_t* data = nullptr;
-      ThrowOnWasapiResult(api_.GetBuffer(render_, blockFrames_, &data));
-      if (data == nullptr) RaiseCannotOpen();
-      bool rendered = true;
-      try {
-        renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, first);
-      } catch (...) {
-        rendered = false;
-      }
-      if (rendered) {
-        InterleaveInto(outputs_.data(), channels_, blockFrames_, sample_, data, staging_.data());
-      }
-      ThrowOnWasapiResult(api_.ReleaseBuffer(render_, blockFrames_, rendered ? 0 : kSilentFlag));
-      framesWritten_ = first + blockFrames_;
-      // A renderer that raised has failed: the host hears of it.
-      if (!rendered) {
-        failed_ = true;
-        return;
-      }
-      room -= blockFrames_;
+    room = FramesToWrite(engineFrames_, padding, blockFrames_);
+    played = queued > padding ? queued - padding : 0;
+  }
+  uint64_t systemTime = 0;
+  if (clock_ != nullptr && clockFrequency_ != 0) {
+    uint64_t position = 0;
+    uint64_t time = 0;
+    if (stream_.GetClockPosition(clock_, &position, &time) >= 0) {
+      played = static_cast<uint64_t>(static_cast<double>(position) * sampleRate_ /
+                                     static_cast<double>(clockFrequency_));
+      systemTime = time * 100;
     }
-  } catch (...) {
-    // The endpoint is gone, or the engine refuses: for good.
-    failed_ = true;
+  }
+  while (room >= blockFrames_) {
+    const uint64_t first = framesWritten_.load();
+    // When the block's first frame will sound.
+    const uint64_t at = first + prerollFrames_;
+    const uint64_t ahead = at > played ? at - played : 0;
+    const uint64_t when = systemTime != 0 ? systemTime + ahead * 1000000000ull / sampleRate_ : 0;
+    uint8_t* data = nullptr;
+    if (stream_.GetBuffer(render_, blockFrames_, &data) < 0 || data == nullptr) {
+      failed_ = true;
+      return;
+    }
+    bool rendered = true;
+    try {
+      renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, first);
+    } catch (...) {
+      rendered = false;
+    }
+    if (rendered) {
+      InterleaveInto(outputs_.data(), channels_, blockFrames_, sample_, data, staging_.data());
+    }
+    const bool released =
+        stream_.ReleaseBuffer(render_, blockFrames_, rendered ? 0 : kSilentFlag) >= 0;
+    framesWritten_ = first + blockFrames_;
+    // A renderer that raised has failed, like an engine that refuses: the
+    // host hears of it.
+    if (!rendered || !released) {
+      failed_ = true;
+      return;
+    }
+    room -= blockFrames_;
   }
 }
 
@@ -410,7 +501,7 @@ CSoundDriverSettings& COpenWasapiSoundDriver::GetSettings(CSoundDriverSettings& 
 void COpenWasapiSoundDriver::ApplySettings(const CSoundDriverSettings& settings) {
   const uint32_t rate = registered_.Mode() == kShareModeShared ? sampleRate_ : settings.sampleRate;
   if (settings.sampleRate != sampleRate_) settingsChanged_ = true;
-  const uint32_t frames = NearestSize(sizes_, settings.bufferFrames);
+  const uint32_t frames = KeptFrames(settings.bufferFrames);
   if (frames != settings.bufferFrames) settingsChanged_ = true;
   if (rate == sampleRate_ && frames == blockFrames_) return;
   CloseStream();

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "driver/driver_contract.h"
@@ -22,8 +23,10 @@ class CWasapiRegisteredSoundDriver;
 constexpr uint32_t kWasapiMaxBlockFrames = 16384;
 constexpr uint32_t kWasapiMaxChannels = 32;
 
-// Frames of a duration of the engine at a rate, and back, to the nearest.
+// Frames of a duration of the engine at a rate, to the nearest and rounded
+// up; and the duration of frames, rounded up, so that it never holds fewer.
 uint32_t FramesOfDuration(int64_t duration, uint32_t sampleRate);
+uint32_t FramesOfDurationUp(int64_t duration, uint32_t sampleRate);
 int64_t DurationOfFrames(uint32_t frames, uint32_t sampleRate);
 // The sizes a shared stream may have: the fundamental's multiples from the
 // minimum to the maximum, at most 64 of them.
@@ -31,6 +34,12 @@ std::vector<uint32_t> SharedSizes(uint32_t minimum, uint32_t maximum, uint32_t f
 // The offered size nearest a request, the first on a tie; the request
 // itself when nothing is offered.
 uint32_t NearestSize(const std::vector<uint32_t>& sizes, uint32_t requested);
+// The shared period for a request: the engine's default, or, when the host
+// asks for less, the smallest offered size that holds the request.
+uint32_t SharedPeriodFor(const std::vector<uint32_t>& sizes, uint32_t defaultFrames,
+                         uint32_t requested);
+// Adds a size to a sorted list, once.
+void OfferSize(std::vector<uint32_t>& sizes, uint32_t size);
 // The frames the pump writes for a room: whole blocks only.
 uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block);
 // Planar float channels into the engine's interleaved format, through the
@@ -68,16 +77,27 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   void Run() override;
   void OpenStream(uint32_t sampleRate, uint32_t frames);
   void OpenShared(uint32_t frames);
+  bool InitialiseLowLatency(const SWaveFormat& mix, uint32_t frames);
   void OpenExclusive(uint32_t sampleRate, uint32_t frames);
+  HResult InitialiseExclusive(const SWaveFormat& format, uint32_t frames, int64_t minimumPeriod,
+                              int64_t defaultPeriod);
   void FindExclusiveFormats();
   void Activate();
+  // A client whose initialisation failed cannot be initialised again.
+  void Reactivate();
+  uint32_t KeptFrames(uint32_t requested) const;
   void StartStream();
   void CloseStream();
+  // The event did not come: a stream whose device is gone fails now.
+  void ProbeStalledStream();
 
   const CWasapiRegisteredSoundDriver& registered_;
+  // The control calls' thread stays while the driver is open.
+  std::shared_ptr<IWasapiApi> control_;
   IWasapiApi& api_;
+  // The stream thread's own calls.
+  IWasapiApi& stream_;
   NSFerrand::MSoundRenderer* renderer_;
-  bool comInitialised_ = false;
   WEnumerator enumerator_ = nullptr;
   WClient client_ = nullptr;
   bool client3_ = false;
@@ -90,7 +110,11 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   std::vector<ESampleFormat> rateFormats_;
   std::vector<uint32_t> sizes_;
   uint32_t sampleRate_ = 0;
+  // The shared engine's default period, when it tells one.
+  uint32_t defaultFrames_ = 0;
   uint32_t blockFrames_ = 0;
+  // Silence the stream holds before the host's first frame.
+  uint32_t prerollFrames_ = 0;
   uint32_t engineFrames_ = 0;
   uint32_t channels_ = 2;
   ESampleFormat sample_ = kSampleFloat32;

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "failure/builder.h"
+#include "wasapi/wasapi_apartment.h"
 #include "wasapi/wasapi_driver.h"
 
 namespace NSWasapi {
@@ -103,10 +104,17 @@ CWideString WasapiName(const SEndpoint& endpoint, EShareMode mode) {
                                   : endpoint.friendlyName + kExclusiveSuffix;
 }
 
+CWasapiRegisteredSoundDriver::CWasapiRegisteredSoundDriver(std::shared_ptr<IWasapiApi> control,
+                                                           IWasapiApi& stream,
+                                                           const SEndpoint& endpoint,
+                                                           EShareMode mode)
+    : control_(std::move(control)), stream_(stream), endpoint_(endpoint), mode_(mode) {}
+
 CWasapiRegisteredSoundDriver::CWasapiRegisteredSoundDriver(IWasapiApi& api,
                                                            const SEndpoint& endpoint,
                                                            EShareMode mode)
-    : api_(api), endpoint_(endpoint), mode_(mode) {}
+    : CWasapiRegisteredSoundDriver(std::shared_ptr<IWasapiApi>(std::shared_ptr<IWasapiApi>(), &api),
+                                   api, endpoint, mode) {}
 
 NSFerrand::CABCOpenSoundDriver* CWasapiRegisteredSoundDriver::OpenWithSettings(
     const NSFerrand::CSoundDriverSettings& settings, NSFerrand::MSoundRenderer* renderer, void*) {
@@ -131,16 +139,22 @@ CRegisteredSoundDriverInfo& CWasapiRegisteredSoundDriver::GetInfo(CRegisteredSou
   return info;
 }
 
-CWasapiFamilyScope::CWasapiFamilyScope(IWasapiApi& api) : api_(api) {
-  // No engine, no drivers, and no failure: the family lists nothing.
-  const HResult com = api_.CoInitialize();
-  comInitialised_ = com >= 0;
-  if (com < 0 && com != kComChangedMode) return;
-  if (api_.CreateEnumerator(&enumerator_) < 0 || enumerator_ == nullptr) {
+CWasapiFamilyScope::CWasapiFamilyScope(IWasapiApi& api) {
+  // No engine, no thread for it, no drivers, and no failure: the family
+  // lists nothing.
+  try {
+    apartment_ = std::make_shared<CWasapiApartment>(api);
+  } catch (...) {
+    return;
+  }
+  if (!apartment_->Ready()) return;
+  if (apartment_->CreateEnumerator(&enumerator_) < 0 || enumerator_ == nullptr) {
     enumerator_ = nullptr;
     return;
   }
-  if (api_.RegisterNotification(enumerator_, this, &notification_) < 0) notification_ = nullptr;
+  if (apartment_->RegisterNotification(enumerator_, this, &notification_) < 0) {
+    notification_ = nullptr;
+  }
   try {
     Register();
   } catch (...) {
@@ -149,14 +163,15 @@ CWasapiFamilyScope::CWasapiFamilyScope(IWasapiApi& api) : api_(api) {
 
 CWasapiFamilyScope::~CWasapiFamilyScope() {
   if (enumerator_ != nullptr) {
-    if (notification_ != nullptr) api_.UnregisterNotification(enumerator_, notification_);
-    api_.ReleaseEnumerator(enumerator_);
+    if (notification_ != nullptr) apartment_->UnregisterNotification(enumerator_, notification_);
+    apartment_->ReleaseEnumerator(enumerator_);
   }
   try {
     NSFerrand::RemoveFamily(kWasapiFamilyWord);
   } catch (...) {
   }
-  if (comInitialised_) api_.CoUninitialize();
+  // An open driver keeps the thread until it closes.
+  apartment_.reset();
 }
 
 void CWasapiFamilyScope::OnEndpointsChanged() { changed_.store(true); }
@@ -168,13 +183,13 @@ void CWasapiFamilyScope::RefreshIfChanged() {
 
 void CWasapiFamilyScope::Register() {
   std::vector<SEndpoint> endpoints;
-  if (api_.ListRenderEndpoints(enumerator_, endpoints) < 0) endpoints.clear();
+  if (apartment_->ListRenderEndpoints(enumerator_, endpoints) < 0) endpoints.clear();
   std::vector<CWideString> alive;
   for (const SEndpoint& endpoint : endpoints) {
     for (EShareMode mode : {kShareModeShared, kShareModeExclusive}) {
       CWasapiRegisteredSoundDriver* driver = nullptr;
       try {
-        driver = new CWasapiRegisteredSoundDriver(api_, endpoint, mode);
+        driver = new CWasapiRegisteredSoundDriver(apartment_, apartment_->System(), endpoint, mode);
         alive.push_back(WasapiKey(endpoint, mode));
         if (!NSFerrand::AddRegisteredDriver(driver)) delete driver;
       } catch (...) {

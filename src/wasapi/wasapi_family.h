@@ -5,6 +5,7 @@
 #define QUILLON_WASAPI_WASAPI_FAMILY_H
 
 #include <atomic>
+#include <memory>
 
 #include "driver/registry.h"
 #include "wasapi/wasapi_api.h"
@@ -23,8 +24,15 @@ void ThrowOnWasapiResult(HResult result);
 CWideString WasapiKey(const SEndpoint& endpoint, EShareMode mode);
 CWideString WasapiName(const SEndpoint& endpoint, EShareMode mode);
 
+class CWasapiApartment;
+
 class CWasapiRegisteredSoundDriver final : public NSFerrand::CABCRegisteredSoundDriver {
  public:
+  // Control calls go to `control`, which the driver keeps alive; the stream
+  // thread calls `stream` itself.
+  CWasapiRegisteredSoundDriver(std::shared_ptr<IWasapiApi> control, IWasapiApi& stream,
+                               const SEndpoint& endpoint, EShareMode mode);
+  // One set of operations for both, which the caller keeps alive.
   CWasapiRegisteredSoundDriver(IWasapiApi& api, const SEndpoint& endpoint, EShareMode mode);
   NSFerrand::CABCOpenSoundDriver* OpenWithSettings(const NSFerrand::CSoundDriverSettings& settings,
                                                    NSFerrand::MSoundRenderer* renderer,
@@ -34,18 +42,22 @@ class CWasapiRegisteredSoundDriver final : public NSFerrand::CABCRegisteredSound
   NSFerrand::CRegisteredSoundDriverInfo& GetInfo(
       NSFerrand::CRegisteredSoundDriverInfo& info) override;
 
-  IWasapiApi& Api() const { return api_; }
+  IWasapiApi& Api() const { return *control_; }
+  IWasapiApi& StreamApi() const { return stream_; }
+  const std::shared_ptr<IWasapiApi>& SharedApi() const { return control_; }
   const SEndpoint& Endpoint() const { return endpoint_; }
   EShareMode Mode() const { return mode_; }
 
  private:
-  IWasapiApi& api_;
+  std::shared_ptr<IWasapiApi> control_;
+  IWasapiApi& stream_;
   SEndpoint endpoint_;
   EShareMode mode_;
 };
 
-// The family's registration. Endpoint notifications only take note; the
-// control thread registers again at its next Refresh.
+// The family's registration, through a COM thread of its own. Endpoint
+// notifications only take note; the control thread registers again at its
+// next Refresh.
 class CWasapiFamilyScope final : private IEndpointSink {
  public:
   explicit CWasapiFamilyScope(IWasapiApi& api);
@@ -62,8 +74,7 @@ class CWasapiFamilyScope final : private IEndpointSink {
   void OnEndpointsChanged() override;
   void Register();
 
-  IWasapiApi& api_;
-  bool comInitialised_ = false;
+  std::shared_ptr<CWasapiApartment> apartment_;
   WEnumerator enumerator_ = nullptr;
   WNotification notification_ = nullptr;
   std::atomic<bool> changed_{false};

@@ -9,6 +9,12 @@
 #include <string>
 #include <thread>
 
+#if defined(_WIN32)
+#include <windows.h>
+#include <objbase.h>
+#include <ole2.h>
+#endif
+
 #include "platform/module.h"
 #include "quillon/quillon.h"
 
@@ -151,6 +157,101 @@ TEST_F(HostTest, AClientOnNoSoundRendersAndIdles) {
   QuillonDestroy(specs);
   QuillonDestroy(library);
 }
+
+#if defined(_WIN32)
+
+namespace {
+
+// The library as a host uses it: created, its drivers listed, a client of
+// the audio engine's opened where the system has an endpoint, played and
+// idled. Destroying it ends the use.
+class CLibraryInUse {
+ public:
+  explicit CLibraryInUse(const Library& lib) : lib_(lib) {
+    uint32_t status = 0;
+    library_ = lib_.create("IQuillon2", nullptr, &status);
+    if (library_ == nullptr) return;
+    specs_ = library_->GetDriverSpecs(&status);
+    for (int64_t i = 0; specs_ != nullptr && i < specs_->GetSize(); ++i) {
+      SDriverSpecKey key;
+      specs_->GetData()[i]->GetKeyRecord(&key);
+      if (std::u16string(reinterpret_cast<const char16_t*>(key.family)) != u"WASAPI") continue;
+      uint32_t running = 0;
+      client_ = library_->CreateClient(&host_, nullptr, specs_->GetData()[i], &running, &status);
+      break;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (client_ != nullptr && host_.blocks.load() < 3 &&
+           std::chrono::steady_clock::now() < deadline) {
+      client_->Idle();
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  ~CLibraryInUse() {
+    if (client_ != nullptr) QuillonDestroy(client_);
+    if (specs_ != nullptr) QuillonDestroy(specs_);
+    if (library_ != nullptr) QuillonDestroy(library_);
+  }
+  bool Made() const { return library_ != nullptr && specs_ != nullptr; }
+
+ private:
+  const Library& lib_;
+  IQuillon* library_ = nullptr;
+  IVector<const IDriverSpec*>* specs_ = nullptr;
+  IClient* client_ = nullptr;
+  CountingHost host_;
+};
+
+// Runs on a thread of its own, as a host's UI thread would.
+template <class Body>
+void OnAHostThread(const Body& body) {
+  std::thread thread(body);
+  thread.join();
+}
+
+}  // namespace
+
+TEST_F(HostTest, AThreadInASingleThreadedApartmentStaysInIt) {
+  OnAHostThread([&] {
+    ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
+    {
+      CLibraryInUse use(lib);
+      EXPECT_TRUE(use.Made());
+      // Still the same single-threaded apartment, while the library lives.
+      EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_FALSE);
+      CoUninitialize();
+    }
+    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_FALSE);
+    CoUninitialize();
+    CoUninitialize();
+  });
+}
+
+TEST_F(HostTest, AThreadWithoutCOMIsLeftWithoutIt) {
+  OnAHostThread([&] {
+    {
+      CLibraryInUse use(lib);
+      EXPECT_TRUE(use.Made());
+      // Nothing was initialised here: the thread may still choose.
+      EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
+      CoUninitialize();
+    }
+    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
+    CoUninitialize();
+  });
+}
+
+TEST_F(HostTest, OLECanBeBroughtUpAfterTheLibraryObjectExists) {
+  OnAHostThread([&] {
+    CLibraryInUse use(lib);
+    EXPECT_TRUE(use.Made());
+    // Drag and drop needs this on the host's UI thread.
+    EXPECT_EQ(OleInitialize(nullptr), S_OK);
+    OleUninitialize();
+  });
+}
+
+#endif
 
 TEST_F(HostTest, MemoryOfTheLibraryHeap) {
   void* memory = lib.allocate(1000);

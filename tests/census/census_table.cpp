@@ -192,6 +192,13 @@ void Build() {
   Wasapi("GetDevicePeriod", Fakes::kWasDevicePeriod, u"Fake Speakers (exclusive)");
   Wasapi("GetSharedModeEnginePeriod", Fakes::kWasEnginePeriod);
   Wasapi("InitializeSharedAudioStream", Fakes::kWasInitializeShared3);
+  // Asked only when another application holds the engine's period.
+  Add("IWasapiApi", "GetCurrentSharedModeEnginePeriod", "engine period locked", u"Fake Speakers",
+      [](CFakeWorld& w) {
+        w.engine.endpoints[0].lockedFrames = 192;
+        w.engine.Fail(Fakes::kWasCurrentEnginePeriod, kEFail);
+      },
+      [](CFakeWorld& w) { return w.engine.Calls(Fakes::kWasCurrentEnginePeriod); });
   Wasapi("IsFormatSupported", Fakes::kWasIsFormatSupported, u"Fake Speakers (exclusive)");
   Wasapi("Initialize", Fakes::kWasInitialize, u"Fake Speakers (exclusive)");
   Wasapi("GetBufferSize", Fakes::kWasBufferSize);

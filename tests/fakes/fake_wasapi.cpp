@@ -12,6 +12,7 @@ namespace {
 
 constexpr HResult kAlreadyInitialised = static_cast<HResult>(0x88890002u);
 constexpr HResult kBufferTooLarge = static_cast<HResult>(0x88890006u);
+constexpr HResult kInvalidArgument = static_cast<HResult>(0x80070057u);
 constexpr size_t kRecordedBlocks = 1 << 16;
 constexpr size_t kBufferBytes = 1 << 20;
 
@@ -56,8 +57,26 @@ CFakeWasapi::~CFakeWasapi() {
   for (std::thread& notifier : notifiers_) notifier.join();
 }
 
+bool CFakeWasapi::CalledOn(std::thread::id thread) {
+  std::lock_guard<std::mutex> hold(threadsLock_);
+  return threads_.count(thread) != 0;
+}
+
 bool CFakeWasapi::Failing(EWasapiCall call, HResult& result) {
   ++calls_[call];
+  switch (call) {
+    case kWasPadding:
+    case kWasGetBuffer:
+    case kWasReleaseBuffer:
+    case kWasClockPosition:
+    case kWasCreateEvent:
+    case kWasWaitEvent:
+      break;
+    default: {
+      std::lock_guard<std::mutex> hold(threadsLock_);
+      threads_.insert(std::this_thread::get_id());
+    }
+  }
   return plan_.Take(call, result);
 }
 
@@ -217,15 +236,25 @@ HResult CFakeWasapi::GetSharedModeEnginePeriod(WClient client, const SWaveFormat
   return kHResultOk;
 }
 
+HResult CFakeWasapi::GetCurrentSharedModeEnginePeriod(WClient client, uint32_t* frames) {
+  FAKE_CLIENT_CALL(kWasCurrentEnginePeriod)
+  if (!c.client3) return kHResultNoInterface;
+  *frames = endpoint->lockedFrames != 0 ? endpoint->lockedFrames : endpoint->defaultFrames;
+  return kHResultOk;
+}
+
 HResult CFakeWasapi::InitializeSharedAudioStream(WClient client, uint32_t, uint32_t periodFrames,
                                                  const SWaveFormat& format) {
   FAKE_CLIENT_CALL(kWasInitializeShared3)
   if (!c.client3) return kHResultNoInterface;
   if (c.initialised) return kAlreadyInitialised;
   if (!SameFormat(format, endpoint->mix)) return kAudioUnsupportedFormat;
+  if (endpoint->lockedFrames != 0 && periodFrames != endpoint->lockedFrames) {
+    return kAudioEnginePeriodicityLocked;
+  }
   if (periodFrames < endpoint->minimumFrames || periodFrames > endpoint->maximumFrames ||
       (periodFrames - endpoint->minimumFrames) % endpoint->fundamentalFrames != 0) {
-    return static_cast<HResult>(0x80070057u);
+    return kInvalidArgument;
   }
   c.initialised = true;
   c.stream.mode = kShareModeShared;
@@ -268,8 +297,14 @@ HResult CFakeWasapi::Initialize(WClient client, EShareMode mode, uint32_t, int64
         endpoint->exclusive.count({format.samplesPerSecond, sample}) == 0) {
       return kAudioUnsupportedFormat;
     }
+    // Event-driven exclusive streams give the same duration and period.
+    if (duration != periodicity) return kInvalidArgument;
+    if (periodicity < endpoint->minimumPeriod) return kAudioInvalidDevicePeriod;
+    if (periodicity > 20 * endpoint->defaultPeriod) return kAudioBufferSizeError;
     const uint32_t frames = Frames(periodicity, format.samplesPerSecond);
-    if (endpoint->alignment != 0 && frames % endpoint->alignment != 0) {
+    if (endpoint->alignment != 0 &&
+        (frames % endpoint->alignment != 0 || endpoint->misalignedTries != 0)) {
+      if (frames % endpoint->alignment == 0) --endpoint->misalignedTries;
       c.alignedFrames = (frames / endpoint->alignment + 1) * endpoint->alignment;
       return kAudioBufferSizeNotAligned;
     }
@@ -348,6 +383,7 @@ HResult CFakeWasapi::Start(WClient client) {
   c.running = true;
   c.startedAt = NowHundredNs();
   running_ = &c;
+  nextEvent_ = c.startedAt;
   return kHResultOk;
 }
 
@@ -376,7 +412,13 @@ HResult CFakeWasapi::GetBuffer(WRender render, uint32_t frames, uint8_t** data) 
   WClient client = render;
   FAKE_CLIENT_CALL(kWasGetBuffer)
   (void)endpoint;
-  if (frames > c.stream.bufferFrames - PaddingNow(c)) return kBufferTooLarge;
+  if (c.stream.mode == kShareModeExclusive) {
+    // Event-driven exclusive: the whole buffer, every time; the engine plays
+    // the other one meanwhile.
+    if (frames != c.stream.bufferFrames) return kAudioBufferSizeError;
+  } else if (frames > c.stream.bufferFrames - PaddingNow(c)) {
+    return kBufferTooLarge;
+  }
   if (blocks_.size() < blocks_.capacity()) blocks_.push_back(frames);
   const size_t bytes = static_cast<size_t>(frames) * c.stream.format.blockAlign;
   if (bytes > buffer_.capacity()) return kBufferTooLarge;
@@ -390,7 +432,7 @@ HResult CFakeWasapi::ReleaseBuffer(WRender render, uint32_t frames, uint32_t fla
   FAKE_CLIENT_CALL(kWasReleaseBuffer)
   (void)endpoint;
   const size_t bytes = static_cast<size_t>(frames) * c.stream.format.blockAlign;
-  if (bytes > buffer_.size()) return static_cast<HResult>(0x80070057u);
+  if (bytes > buffer_.size()) return kInvalidArgument;
   lastBytes_.assign(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(bytes));
   if ((flags & 2) != 0) std::fill(lastBytes_.begin(), lastBytes_.end(), 0);
   c.written += frames;
@@ -424,7 +466,8 @@ HResult CFakeWasapi::GetClockPosition(WClock clock, uint64_t* position, uint64_t
   (void)endpoint;
   const uint64_t played = c.written - PaddingNow(c);
   *position = played * c.stream.format.blockAlign;
-  *systemTime = static_cast<uint64_t>(NowHundredNs());
+  const uint64_t fixedTime = clockTime.load();
+  *systemTime = fixedTime != 0 ? fixedTime : static_cast<uint64_t>(NowHundredNs());
   return kHResultOk;
 }
 
@@ -439,19 +482,30 @@ void CFakeWasapi::CloseEngineEvent(WEvent event) { delete static_cast<int*>(even
 NSPlatform::EWaitResult CFakeWasapi::WaitEngineEvent(WEvent, uint32_t milliseconds) {
   HResult failure = 0;
   if (Failing(kWasWaitEvent, failure)) return NSPlatform::kWaitFailed;
-  uint32_t period = 10;
-  {
-    std::lock_guard<std::mutex> hold(lock_);
-    if (running_ != nullptr && running_->stream.format.samplesPerSecond != 0) {
-      period = running_->stream.periodFrames * 1000 / running_->stream.format.samplesPerSecond;
-    }
-  }
-  if (period == 0) period = 1;
   if (!ticking.load()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(std::min<uint32_t>(milliseconds, 5)));
     return NSPlatform::kWaitTimeout;
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(std::min(period, milliseconds)));
+  int64_t due = 0;
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    const int64_t now = NowHundredNs();
+    if (running_ == nullptr || running_->stream.format.samplesPerSecond == 0) {
+      due = now + 100000;
+    } else {
+      // One event per period on the engine's own schedule, as a device
+      // fires them, however late the waiter came.
+      const int64_t period =
+          std::max<int64_t>(1, static_cast<int64_t>(running_->stream.periodFrames) *
+                                   kHundredNsPerSecond /
+                                   running_->stream.format.samplesPerSecond);
+      nextEvent_ += period;
+      due = nextEvent_;
+    }
+  }
+  const int64_t wait = due - NowHundredNs();
+  if (wait > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(wait * 100));
+  ++eventsFired_;
   return NSPlatform::kWaitObject;
 }
 

@@ -30,6 +30,7 @@ enum EWasapiCall : uint32_t {
   kWasMixFormat,
   kWasDevicePeriod,
   kWasEnginePeriod,
+  kWasCurrentEnginePeriod,
   kWasInitializeShared3,
   kWasIsFormatSupported,
   kWasInitialize,
@@ -67,8 +68,13 @@ struct SFakeEndpoint {
   std::set<std::pair<uint32_t, NSWasapi::ESampleFormat>> exclusive = {
       {48000, NSWasapi::kSampleInt24In32}, {96000, NSWasapi::kSampleInt24In32},
       {44100, NSWasapi::kSampleInt16}};
+  // Another application holds the shared engine at this period (0: none).
+  uint32_t lockedFrames = 0;
   // Exclusive periods must be a multiple of this many frames (0: any).
   uint32_t alignment = 0;
+  // So many aligned periods are refused as well, each time with the next
+  // multiple up, as a device that demands more than it first told.
+  uint32_t misalignedTries = 0;
   // Another application holds it exclusively.
   bool inUse = false;
 };
@@ -98,6 +104,8 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   // When not negative: every GetCurrentPadding answers this, as an engine
   // that plays exactly what was written beyond it.
   std::atomic<int64_t> fixedPadding{-1};
+  // When not 0: the system time every clock position is taken at, in 100 ns.
+  std::atomic<uint64_t> clockTime{0};
 
   void Fail(EWasapiCall call, NSWasapi::HResult result, int32_t times = -1) {
     plan_.Fail(call, result, times);
@@ -118,6 +126,11 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   int32_t LiveClients() const { return liveClients_.load(); }
   int32_t ComBalance() const { return comBalance_.load(); }
   uint64_t FramesReleased() const { return framesReleased_.load(); }
+  // Whether any call but those of a stream's own thread (padding, buffers,
+  // clock position, events) was made on that thread.
+  bool CalledOn(std::thread::id thread);
+  // Events fired while a stream ran.
+  uint64_t EventsFired() const { return eventsFired_.load(); }
 
   NSWasapi::HResult CoInitialize() override;
   void CoUninitialize() override;
@@ -141,6 +154,8 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
                                               uint32_t* defaultFrames, uint32_t* fundamentalFrames,
                                               uint32_t* minimumFrames,
                                               uint32_t* maximumFrames) override;
+  NSWasapi::HResult GetCurrentSharedModeEnginePeriod(NSWasapi::WClient client,
+                                                     uint32_t* frames) override;
   NSWasapi::HResult InitializeSharedAudioStream(NSWasapi::WClient client, uint32_t flags,
                                                 uint32_t periodFrames,
                                                 const NSWasapi::SWaveFormat& format) override;
@@ -191,7 +206,12 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   std::atomic<int32_t> liveClients_{0};
   std::atomic<int32_t> comBalance_{0};
   std::atomic<uint64_t> framesReleased_{0};
+  std::atomic<uint64_t> eventsFired_{0};
+  // The next event of the running stream, on the steady clock, in 100 ns.
+  int64_t nextEvent_ = 0;
   std::vector<std::thread> notifiers_;
+  std::mutex threadsLock_;
+  std::set<std::thread::id> threads_;
 };
 
 // An engine that is not there: for tests of other families, so that the

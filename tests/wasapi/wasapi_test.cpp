@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <map>
@@ -12,6 +13,8 @@
 #include "failure/builder.h"
 #include "failure/exceptions.h"
 #include "fakes/fake_wasapi.h"
+#include "platform/clock.h"
+#include "platform/threads.h"
 #include "support/allocation_counter.h"
 #include "support/realtime_watch.h"
 #include "support/storage_fixture.h"
@@ -33,6 +36,7 @@ class ToneRenderer final : public NSFerrand::MSoundRenderer {
                   uint64_t outputSystemTime, uint64_t outputSamplePosition) override {
     watch.OnRender();
     inputCount = inputs.size();
+    outputCount = outputs.size();
     for (size_t c = 0; c < outputs.size(); ++c) {
       for (uint32_t f = 0; f < frames; ++f) {
         outputs[c][f] = c == 0 ? left : c == 1 ? right : 0.0f;
@@ -57,6 +61,7 @@ class ToneRenderer final : public NSFerrand::MSoundRenderer {
   std::atomic<uint64_t> calls{0};
   std::atomic<uint32_t> lastFrames{0};
   std::atomic<size_t> inputCount{9};
+  std::atomic<size_t> outputCount{0};
   CRealtimeWatch watch;
   std::atomic<bool> raiseNext{false};
   std::mutex mutex;
@@ -138,6 +143,76 @@ TEST_F(WasapiTest, EachEndpointIsListedSharedAndExclusiveWithItsKeys) {
   EXPECT_EQ(info.flags[3], 0);
   // Listing opened no client.
   EXPECT_EQ(fake.Calls(Fakes::kWasActivate), 0u);
+}
+
+TEST_F(WasapiTest, TheFamilyAndItsDriversDoTheirCOMWorkOnAThreadOfTheirOwn) {
+  {
+    CWasapiFamilyScope scope(fake);
+    NSFerrand::CRegisteredDriverList drivers;
+    NSFerrand::GetRegisteredDrivers(drivers);
+    size_t opened = 0;
+    for (const auto& driver : drivers) {
+      CRegisteredSoundDriverInfo info;
+      driver->GetInfo(info);
+      if (info.family != u"WASAPI") continue;
+      std::unique_ptr<NSFerrand::CABCOpenSoundDriver> open(
+          driver->OpenWithDefaults(&renderer, nullptr));
+      ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() > 0; }));
+      CSoundDriverSettings settings;
+      open->GetSettings(settings);
+      settings.bufferFrames = settings.bufferFrames == 128 ? 256 : 128;
+      open->ApplySettings(settings);
+      NSFerrand::COpenSoundDriverInfo about;
+      open->GetDriverInfo(about);
+      EXPECT_GT(open->GetOutputLatency(), 0);
+      open->CheckAlive();
+      ++opened;
+    }
+    EXPECT_EQ(opened, 2u);
+    fake.NotifyFromAnotherThread();
+    scope.RefreshIfChanged();
+    EXPECT_GT(fake.Calls(Fakes::kWasCoInitialize), 0u);
+  }
+  // Neither listing, opening, setting, asking nor closing touched COM, or
+  // the engine, on this thread; what was brought up elsewhere is put down.
+  EXPECT_FALSE(fake.CalledOn(std::this_thread::get_id()));
+  EXPECT_GT(fake.Calls(Fakes::kWasActivate), 0u);
+  EXPECT_EQ(fake.ComBalance(), 0);
+  EXPECT_EQ(fake.LiveClients(), 0);
+}
+
+TEST_F(WasapiTest, AnOpenDriverKeepsItsCOMThreadAfterTheFamilyHasGone) {
+  // Held as a client holds its driver's entry.
+  NSFerrand::CRegisteredDriverList drivers;
+  std::unique_ptr<NSFerrand::CABCOpenSoundDriver> open;
+  {
+    CWasapiFamilyScope scope(fake);
+    NSFerrand::GetRegisteredDrivers(drivers);
+    for (const auto& driver : drivers) {
+      CRegisteredSoundDriverInfo info;
+      driver->GetInfo(info);
+      if (info.family == u"WASAPI" && info.name == u"Fake Speakers") {
+        open.reset(driver->OpenWithDefaults(&renderer, nullptr));
+      }
+    }
+    ASSERT_NE(open, nullptr);
+  }
+  // The family's thread, and the stream's, once it has begun.
+  ASSERT_TRUE(WaitFor([&] { return renderer.calls.load() > 0; }));
+  EXPECT_EQ(fake.ComBalance(), 2);
+  CSoundDriverSettings settings;
+  open->GetSettings(settings);
+  settings.bufferFrames = 128;
+  open->ApplySettings(settings);
+  open->GetSettings(settings);
+  EXPECT_EQ(settings.bufferFrames, 128u);
+  open.reset();
+  EXPECT_EQ(fake.LiveClients(), 0);
+  // The last entry held lets the thread go.
+  EXPECT_EQ(fake.ComBalance(), 1);
+  drivers.clear();
+  EXPECT_EQ(fake.ComBalance(), 0);
+  EXPECT_FALSE(fake.CalledOn(std::this_thread::get_id()));
 }
 
 TEST_F(WasapiTest, WithoutAnEngineOrAListTheFamilyListsNothingAndDoesNotFail) {
@@ -246,8 +321,6 @@ TEST_F(WasapiTest, EachExclusiveFormatGetsTheKernelsBytes) {
     fake.endpoints[0].exclusive = {{48000, c.format}};
     auto driver = Open(kShareModeExclusive);
     ASSERT_EQ(driver->SampleFormat(), c.format);
-    // The opening left the buffer full of silence; the engine has played it.
-    fake.QueuePaddings({0});
     driver->StreamPump();
     const uint32_t frames = driver->BufferFrames();
     const std::vector<uint8_t> bytes = fake.LastBytes();
@@ -291,6 +364,216 @@ TEST_F(WasapiTest, AnUnalignedExclusivePeriodIsAskedForAgainAligned) {
   // The trial, the refused try and the aligned one.
   EXPECT_EQ(fake.Calls(Fakes::kWasActivate), 3u);
   EXPECT_EQ(fake.LiveClients(), 1);
+}
+
+TEST_F(WasapiTest, ADeviceThatRefusesTheAlignedPeriodTooIsAskedAgainWithItsNextSize) {
+  Still();
+  fake.endpoints[0].alignment = 96;
+  fake.endpoints[0].misalignedTries = 1;
+  fake.endpoints[0].exclusive = {{48000, kSampleInt16}};
+  const CSoundDriverSettings wanted = Settings(48000, 100);
+  auto driver = Open(kShareModeExclusive, &wanted);
+  EXPECT_EQ(driver->BufferFrames(), 288u);
+  EXPECT_EQ(fake.Calls(Fakes::kWasInitialize), 3u);
+  EXPECT_EQ(fake.LiveClients(), 1);
+}
+
+TEST_F(WasapiTest, TheAlignedSizeIsOfferedSoThatApplyingTheSettingsInForceChangesNothing) {
+  Still();
+  fake.endpoints[0].alignment = 96;
+  fake.endpoints[0].exclusive = {{48000, kSampleInt16}};
+  const CSoundDriverSettings wanted = Settings(48000, 100);
+  auto driver = Open(kShareModeExclusive, &wanted);
+  ASSERT_EQ(driver->BufferFrames(), 192u);
+  NSFerrand::COpenSoundDriverInfo info;
+  driver->GetDriverInfo(info);
+  EXPECT_NE(std::find(info.bufferSizes.begin(), info.bufferSizes.end(), 192u),
+            info.bufferSizes.end());
+  EXPECT_TRUE(std::is_sorted(info.bufferSizes.begin(), info.bufferSizes.end()));
+  EXPECT_TRUE(driver->TakeSettingsChanged());
+  CSoundDriverSettings inForce;
+  driver->GetSettings(inForce);
+  const uint64_t activations = fake.Calls(Fakes::kWasActivate);
+  driver->ApplySettings(inForce);
+  EXPECT_FALSE(driver->TakeSettingsChanged());
+  EXPECT_EQ(fake.Calls(Fakes::kWasActivate), activations);
+}
+
+TEST_F(WasapiTest, TheSmallestExclusivePeriodIsRoundedUpToTheDeviceMinimum) {
+  EXPECT_EQ(FramesOfDurationUp(30000, 44100), 133u);
+  EXPECT_EQ(FramesOfDuration(30000, 44100), 132u);
+  EXPECT_EQ(FramesOfDurationUp(30000, 48000), 144u);
+  EXPECT_EQ(FramesOfDurationUp(0, 48000), 0u);
+  EXPECT_EQ(DurationOfFrames(133, 44100), 30159);
+  EXPECT_EQ(DurationOfFrames(192, 48000), 40000);
+  Still();
+  fake.endpoints[0].exclusive = {{44100, kSampleInt16}};
+  const CSoundDriverSettings wanted = Settings(44100, 1);
+  auto driver = Open(kShareModeExclusive, &wanted);
+  EXPECT_EQ(driver->BufferFrames(), 133u);
+  EXPECT_GE(fake.LastStream().periodicity, fake.endpoints[0].minimumPeriod);
+  NSFerrand::COpenSoundDriverInfo info;
+  driver->GetDriverInfo(info);
+  ASSERT_FALSE(info.bufferSizes.empty());
+  EXPECT_EQ(info.bufferSizes.front(), 133u);
+}
+
+TEST_F(WasapiTest, APeriodOrSizeTheDeviceRefusesIsAskedForAgainAtItsDefault) {
+  Still();
+  fake.endpoints[0].exclusive = {{48000, kSampleInt16}};
+  for (HResult refusal : {kAudioInvalidDevicePeriod, kAudioBufferSizeError}) {
+    fake.Fail(Fakes::kWasInitialize, refusal, 1);
+    const CSoundDriverSettings wanted = Settings(48000, 1024);
+    auto driver = Open(kShareModeExclusive, &wanted);
+    // The device's default period: 10 ms.
+    EXPECT_EQ(driver->BufferFrames(), 480u) << std::hex << refusal;
+    EXPECT_EQ(fake.LastStream().periodicity, 100000);
+    EXPECT_EQ(fake.LiveClients(), 1);
+  }
+  // Refused at the default as well: the opening fails, and holds nothing.
+  fake.Fail(Fakes::kWasInitialize, kAudioBufferSizeError, 2);
+  EXPECT_THROW(Open(kShareModeExclusive), std::exception);
+  EXPECT_EQ(fake.LiveClients(), 0);
+}
+
+TEST_F(WasapiTest, AnExclusiveStreamFillsTheWholeBufferOnEveryEventWhateverThePadding) {
+  Still();
+  fake.endpoints[0].exclusive = {{48000, kSampleInt16}};
+  auto driver = Open(kShareModeExclusive);
+  const uint32_t frames = driver->BufferFrames();
+  // The engine still counts part of the buffer before as queued.
+  fake.fixedPadding = frames / 2;
+  driver->StreamPump();
+  driver->StreamPump();
+  EXPECT_FALSE(driver->Failed());
+  // The silence of the opening, then a whole buffer for each event.
+  EXPECT_EQ(fake.Blocks(), (std::vector<uint32_t>{frames, frames, frames}));
+  EXPECT_EQ(fake.Calls(Fakes::kWasPadding), 0u);
+  std::lock_guard<std::mutex> hold(renderer.mutex);
+  EXPECT_EQ(renderer.positions, (std::vector<uint64_t>{0, frames}));
+}
+
+TEST_F(WasapiTest, ExclusiveTimesCountTheSilenceBeforeTheHostsFirstFrame) {
+  Still();
+  fake.clockTime = 1000000;
+  fake.endpoints[0].exclusive = {{48000, kSampleInt16}};
+  auto driver = Open(kShareModeExclusive);
+  const uint32_t frames = driver->BufferFrames();
+  // Nothing played yet: the host's first frame sounds after the silence.
+  driver->StreamPump();
+  std::lock_guard<std::mutex> hold(renderer.mutex);
+  ASSERT_EQ(renderer.times.size(), 1u);
+  EXPECT_EQ(renderer.times[0], 100000000u + uint64_t{frames} * 1000000000u / 48000u);
+  EXPECT_EQ(renderer.positions[0], 0u);
+}
+
+TEST_F(WasapiTest, AnOddChannelCountGetsAPartnerThatIsRenderedAndNeverPlayed) {
+  Still();
+  for (uint16_t channels : {uint16_t{1}, uint16_t{3}}) {
+    fake.endpoints[0].mix = StereoFormat(48000, kSampleFloat32);
+    fake.endpoints[0].mix.channels = channels;
+    fake.endpoints[0].mix.blockAlign = static_cast<uint16_t>(4 * channels);
+    fake.endpoints[0].mix.averageBytesPerSecond = 48000u * 4 * channels;
+    fake.endpoints[0].mix.channelMask = channels == 1 ? 4u : 7u;
+    auto driver = Open(kShareModeShared);
+    CSoundDriverSettings kept;
+    driver->GetSettings(kept);
+    const uint64_t pairs = (channels + 1) / 2;
+    EXPECT_EQ(kept.outputPairs.Count(), pairs);
+    driver->StreamPump();
+    // As many channels as the pairs tell: the host may write them all.
+    EXPECT_EQ(renderer.outputCount.load(), 2 * pairs);
+    const std::vector<uint8_t> bytes = fake.LastBytes();
+    ASSERT_EQ(bytes.size() % (4u * channels), 0u);
+    ASSERT_FALSE(bytes.empty());
+    float first[3] = {};
+    std::memcpy(first, bytes.data(), 4u * channels);
+    EXPECT_EQ(first[0], renderer.left);
+    if (channels == 3) {
+      EXPECT_EQ(first[1], renderer.right);
+      EXPECT_EQ(first[2], 0.0f);
+    }
+  }
+}
+
+TEST_F(WasapiTest, TheEngineKeepsItsDefaultPeriodUnlessTheHostAsksForLess) {
+  Still();
+  fake.endpoints[0].defaultFrames = 256;
+  const struct {
+    uint32_t asked;
+    uint32_t period;
+  } cases[] = {{0, 256}, {1000, 256}, {256, 256}, {200, 224}, {100, 128}, {1, 128}};
+  for (const auto& c : cases) {
+    const CSoundDriverSettings wanted = Settings(48000, c.asked);
+    auto driver = Open(kShareModeShared, c.asked != 0 ? &wanted : nullptr);
+    EXPECT_EQ(fake.LastStream().periodFrames, c.period) << c.asked;
+    CSoundDriverSettings kept;
+    driver->GetSettings(kept);
+    EXPECT_EQ(kept.bufferFrames, c.period) << c.asked;
+  }
+  // Another application holds the engine at its own period: the stream
+  // joins it rather than failing.
+  fake.endpoints[0].lockedFrames = 192;
+  const CSoundDriverSettings wanted = Settings(48000, 128);
+  auto driver = Open(kShareModeShared, &wanted);
+  EXPECT_TRUE(fake.LastStream().initialisedBy3);
+  EXPECT_EQ(fake.LastStream().periodFrames, 192u);
+  CSoundDriverSettings kept;
+  driver->GetSettings(kept);
+  EXPECT_EQ(kept.bufferFrames, 192u);
+  EXPECT_EQ(fake.LiveClients(), 1);
+}
+
+TEST_F(WasapiTest, AFailureOnTheStreamThreadOnlySetsTheFlag) {
+  Still();
+  const Fakes::EWasapiCall calls[] = {Fakes::kWasPadding, Fakes::kWasGetBuffer,
+                                      Fakes::kWasReleaseBuffer};
+  for (Fakes::EWasapiCall call : calls) {
+    auto driver = Open(kShareModeShared);
+    fake.Fail(call, kAudioDeviceInvalidated, 1);
+    const uint64_t before = AllocationCounter::OnThisThread();
+    EXPECT_NO_THROW(driver->StreamPump());
+    EXPECT_EQ(AllocationCounter::OnThisThread(), before) << call;
+    EXPECT_TRUE(driver->Failed()) << call;
+    EXPECT_THROW(driver->CheckAlive(), NSMarlet::XNotReady);
+  }
+}
+
+TEST_F(WasapiTest, AStalledEngineWhoseDeviceIsGoneFailsTheDriverWithoutWaitingForTheWatchdog) {
+  fake.ticking = false;
+  auto driver = Open(kShareModeShared);
+  // Stalled with its device present: the stream waits on.
+  NSPlatform::SleepMilliseconds(600);
+  EXPECT_FALSE(driver->Failed());
+  EXPECT_GT(fake.Calls(Fakes::kWasPadding), 0u);
+  fake.Remove(fake.endpoints[0].id);
+  const uint32_t started = NSPlatform::MillisecondTicks();
+  ASSERT_TRUE(WaitFor([&] { return driver->Failed(); }, 5000));
+  // The watchdog would take 10 s; the probe at the next missed event, well under.
+  EXPECT_LT(NSPlatform::MillisecondTicks() - started, 5000u);
+}
+
+TEST_F(WasapiTest, AnExclusiveClientAtTheSmallestPeriodLosesNoPeriod) {
+  fake.endpoints[0].exclusive = {{48000, kSampleInt16}};
+  const CSoundDriverSettings wanted = Settings(48000, 1);
+  auto driver = Open(kShareModeExclusive, &wanted);
+  const uint32_t frames = driver->BufferFrames();
+  EXPECT_EQ(frames, 144u);
+  ASSERT_TRUE(WaitFor([&] { return fake.EventsFired() >= 300; }));
+  driver.reset();
+  const uint64_t events = fake.EventsFired();
+  const std::vector<uint32_t> blocks = fake.Blocks();
+  // The silence first, then one whole buffer for every event but perhaps
+  // the last, which may have come as the stream stopped.
+  ASSERT_GE(blocks.size(), 1u);
+  const uint64_t written = blocks.size() - 1;
+  EXPECT_GE(written + 1, events);
+  EXPECT_LE(written, events);
+  for (uint32_t block : blocks) EXPECT_EQ(block, frames);
+  std::lock_guard<std::mutex> hold(renderer.mutex);
+  for (size_t i = 1; i < renderer.positions.size(); ++i) {
+    EXPECT_EQ(renderer.positions[i], renderer.positions[i - 1] + frames);
+  }
 }
 
 TEST_F(WasapiTest, ThePumpFillsExactlyTheRoomInWholeBlocks) {

@@ -35,6 +35,9 @@ class CNoWasapi final : public IWasapiApi {
                                     uint32_t*) override {
     return kHResultNoInterface;
   }
+  HResult GetCurrentSharedModeEnginePeriod(WClient, uint32_t*) override {
+    return kHResultNoInterface;
+  }
   HResult InitializeSharedAudioStream(WClient, uint32_t, uint32_t, const SWaveFormat&) override {
     return kHResultNoInterface;
   }
