@@ -46,6 +46,9 @@ constexpr HResult kAudioEnginePeriodicityLocked = static_cast<HResult>(0x8889002
 
 enum EShareMode : uint32_t { kShareModeShared = 0, kShareModeExclusive = 1 };
 constexpr uint32_t kStreamFlagEventCallback = 0x00040000u;
+// A shared stream at a rate other than the mix rate: the engine converts.
+constexpr uint32_t kStreamFlagAutoConvertPcm = 0x80000000u;
+constexpr uint32_t kStreamFlagSrcDefaultQuality = 0x08000000u;
 // Durations of the engine count 100 ns.
 constexpr int64_t kHundredNsPerSecond = 10000000;
 

@@ -94,6 +94,13 @@ void OfferSize(std::vector<uint32_t>& sizes, uint32_t size) {
   if (at == sizes.end() || *at != size) sizes.insert(at, size);
 }
 
+std::vector<uint32_t> HostSizes(uint32_t enginePeriod) {
+  std::vector<uint32_t> sizes;
+  for (uint32_t size = 64; size <= 4096; size *= 2) sizes.push_back(size);
+  if (enginePeriod != 0 && enginePeriod <= kWasapiMaxBlockFrames) OfferSize(sizes, enginePeriod);
+  return sizes;
+}
+
 uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block) {
   if (block == 0 || padding >= bufferFrames) return 0;
   return (bufferFrames - padding) / block * block;
@@ -186,12 +193,16 @@ void COpenWasapiSoundDriver::FindExclusiveFormats() {
 
 void COpenWasapiSoundDriver::OpenStream(uint32_t sampleRate, uint32_t frames) {
   if (registered_.Mode() == kShareModeShared) {
-    OpenShared(frames);
+    OpenShared(sampleRate, frames);
   } else {
     OpenExclusive(sampleRate, frames);
+    enginePeriod_ = blockFrames_;
   }
+  // Straight into the engine, blocks must fit it; through the carry, any
+  // block does.
   if (channels_ == 0 || channels_ > kWasapiMaxChannels || blockFrames_ == 0 ||
-      blockFrames_ > kWasapiMaxBlockFrames || engineFrames_ < blockFrames_) {
+      blockFrames_ > kWasapiMaxBlockFrames || enginePeriod_ == 0 || engineFrames_ < enginePeriod_ ||
+      (enginePeriod_ % blockFrames_ == 0 && engineFrames_ < blockFrames_)) {
     RaiseCannotOpen();
   }
   if (sampleRate != 0 && sampleRate != sampleRate_) settingsChanged_ = true;
@@ -199,26 +210,51 @@ void COpenWasapiSoundDriver::OpenStream(uint32_t sampleRate, uint32_t frames) {
   StartStream();
 }
 
-void COpenWasapiSoundDriver::OpenShared(uint32_t frames) {
+void COpenWasapiSoundDriver::OpenShared(uint32_t sampleRate, uint32_t frames) {
   Activate();
   SWaveFormat mix;
   ThrowOnWasapiResult(api_.GetMixFormat(client_, &mix));
   ESampleFormat sample = kSampleFloat32;
-  if (!SampleFormatOf(mix, sample) || mix.samplesPerSecond == 0) RaiseCannotOpen();
+  if (!SampleFormatOf(mix, sample) || mix.samplesPerSecond == 0 || mix.blockAlign == 0) {
+    RaiseCannotOpen();
+  }
   sample_ = sample;
   channels_ = mix.channels;
-  sampleRate_ = mix.samplesPerSecond;
-  if (!client3_ || !InitialiseLowLatency(mix, frames)) {
+  rates_.assign(std::begin(kOfferedRates), std::end(kOfferedRates));
+  OfferSize(rates_, mix.samplesPerSecond);
+  // The engine's own rate unless the host asks for another.
+  sampleRate_ = sampleRate != 0 ? NSFerrand::FindNearestValue(rates_, sampleRate)
+                                : mix.samplesPerSecond;
+  engineSizes_.clear();
+  defaultFrames_ = 0;
+  if (sampleRate_ == mix.samplesPerSecond) {
+    // The mix rate keeps the low-latency periods.
+    if (!client3_ || !InitialiseLowLatency(mix, frames)) {
+      int64_t defaultPeriod = 0;
+      int64_t minimumPeriod = 0;
+      ThrowOnWasapiResult(api_.GetDevicePeriod(client_, &defaultPeriod, &minimumPeriod));
+      ThrowOnWasapiResult(
+          api_.Initialize(client_, kShareModeShared, kStreamFlagEventCallback, 0, 0, mix));
+      enginePeriod_ = FramesOfDuration(defaultPeriod, sampleRate_);
+    }
+  } else {
+    SWaveFormat format = mix;
+    format.samplesPerSecond = sampleRate_;
+    format.averageBytesPerSecond = sampleRate_ * mix.blockAlign;
     int64_t defaultPeriod = 0;
     int64_t minimumPeriod = 0;
     ThrowOnWasapiResult(api_.GetDevicePeriod(client_, &defaultPeriod, &minimumPeriod));
-    ThrowOnWasapiResult(
-        api_.Initialize(client_, kShareModeShared, kStreamFlagEventCallback, 0, 0, mix));
-    blockFrames_ = FramesOfDuration(defaultPeriod, sampleRate_);
-    defaultFrames_ = blockFrames_;
-    sizes_ = {blockFrames_};
+    ThrowOnWasapiResult(api_.Initialize(
+        client_, kShareModeShared,
+        kStreamFlagEventCallback | kStreamFlagAutoConvertPcm | kStreamFlagSrcDefaultQuality, 0, 0,
+        format));
+    enginePeriod_ = FramesOfDuration(defaultPeriod, sampleRate_);
   }
+  if (defaultFrames_ == 0) defaultFrames_ = enginePeriod_;
   ThrowOnWasapiResult(api_.GetBufferSize(client_, &engineFrames_));
+  sizes_ = HostSizes(enginePeriod_);
+  // The host's own size; the engine's period when it asks for none.
+  blockFrames_ = frames != 0 ? NearestSize(sizes_, frames) : enginePeriod_;
 }
 
 bool COpenWasapiSoundDriver::InitialiseLowLatency(const SWaveFormat& mix, uint32_t frames) {
@@ -231,12 +267,11 @@ bool COpenWasapiSoundDriver::InitialiseLowLatency(const SWaveFormat& mix, uint32
       defaultFrames == 0) {
     return false;
   }
-  sizes_ = SharedSizes(minimum, maximum, fundamental);
-  OfferSize(sizes_, defaultFrames);
-  defaultFrames_ = defaultFrames;
+  engineSizes_ = SharedSizes(minimum, maximum, fundamental);
+  OfferSize(engineSizes_, defaultFrames);
   // The engine's period is the machine's: it is lowered only for a host
   // that asks for less than the default.
-  uint32_t period = SharedPeriodFor(sizes_, defaultFrames, frames);
+  uint32_t period = SharedPeriodFor(engineSizes_, defaultFrames, frames);
   HResult result = api_.InitializeSharedAudioStream(client_, kStreamFlagEventCallback, period, mix);
   if (result == kAudioEnginePeriodicityLocked) {
     // Another application holds the engine at its own period: join it.
@@ -250,10 +285,11 @@ bool COpenWasapiSoundDriver::InitialiseLowLatency(const SWaveFormat& mix, uint32
   }
   if (!NSFerrand::ComSucceeded(result)) {
     Reactivate();
+    engineSizes_.clear();
     return false;
   }
-  blockFrames_ = period;
-  OfferSize(sizes_, period);
+  defaultFrames_ = defaultFrames;
+  enginePeriod_ = period;
   return true;
 }
 
@@ -317,9 +353,7 @@ HResult COpenWasapiSoundDriver::InitialiseExclusive(const SWaveFormat& format, u
 }
 
 uint32_t COpenWasapiSoundDriver::KeptFrames(uint32_t requested) const {
-  if (registered_.Mode() == kShareModeShared && client3_ && defaultFrames_ != 0) {
-    return SharedPeriodFor(sizes_, defaultFrames_, requested);
-  }
+  if (registered_.Mode() == kShareModeShared && requested == 0) return enginePeriod_;
   return NearestSize(sizes_, requested);
 }
 
@@ -346,8 +380,25 @@ void COpenWasapiSoundDriver::StartStream() {
       throw;
     }
   }
-  staging_.assign(blockFrames_, 0);
+  staging_.assign(std::max(blockFrames_, engineFrames_), 0);
+  // Blocks that do not divide the engine's period go through the carry,
+  // which holds at most a room and a block.
+  carried_ = 0;
+  carryCapacity_ = 0;
+  if (enginePeriod_ % blockFrames_ != 0) {
+    carryCapacity_ = engineFrames_ + blockFrames_;
+    for (uint32_t c = 0; c < channels_; ++c) {
+      float* buffer = NSFerrand::NewAlignedFloats(carryCapacity_);
+      try {
+        carry_.push_back(buffer);
+      } catch (...) {
+        NSFerrand::FreeAlignedFloats(buffer);
+        throw;
+      }
+    }
+  }
   framesWritten_ = 0;
+  framesRendered_ = 0;
   prerollFrames_ = 0;
   // An exclusive buffer starts out silent, so that its first period plays
   // nothing stale; the host's first frame follows that silence.
@@ -385,6 +436,9 @@ void COpenWasapiSoundDriver::CloseStream() {
   event_ = nullptr;
   for (float* buffer : outputs_) NSFerrand::FreeAlignedFloats(buffer);
   outputs_.clear();
+  for (float* buffer : carry_) NSFerrand::FreeAlignedFloats(buffer);
+  carry_.clear();
+  carried_ = 0;
 }
 
 void COpenWasapiSoundDriver::Run() {
@@ -440,7 +494,9 @@ void COpenWasapiSoundDriver::StreamPump() {
       failed_ = true;
       return;
     }
-    room = FramesToWrite(engineFrames_, padding, blockFrames_);
+    // Straight blocks take the room in whole blocks; the carry takes it all.
+    room = !carry_.empty() ? (padding < engineFrames_ ? engineFrames_ - padding : 0)
+                           : FramesToWrite(engineFrames_, padding, blockFrames_);
     played = queued > padding ? queued - padding : 0;
   }
   uint64_t systemTime = 0;
@@ -452,6 +508,10 @@ void COpenWasapiSoundDriver::StreamPump() {
                                      static_cast<double>(clockFrequency_));
       systemTime = time * 100;
     }
+  }
+  if (!carry_.empty()) {
+    PumpThroughCarry(room, played, systemTime);
+    return;
   }
   while (room >= blockFrames_) {
     const uint64_t first = framesWritten_.load();
@@ -476,6 +536,7 @@ void COpenWasapiSoundDriver::StreamPump() {
     const bool released =
         stream_.ReleaseBuffer(render_, blockFrames_, rendered ? 0 : kSilentFlag) >= 0;
     framesWritten_ = first + blockFrames_;
+    framesRendered_ = first + blockFrames_;
     // A renderer that raised has failed, like an engine that refuses: the
     // host hears of it.
     if (!rendered || !released) {
@@ -483,6 +544,57 @@ void COpenWasapiSoundDriver::StreamPump() {
       return;
     }
     room -= blockFrames_;
+  }
+}
+
+bool COpenWasapiSoundDriver::RenderBlock(uint64_t played, uint64_t systemTime) {
+  const uint64_t first = framesRendered_.load();
+  const uint64_t at = first + prerollFrames_;
+  const uint64_t ahead = at > played ? at - played : 0;
+  const uint64_t when = systemTime != 0 ? systemTime + ahead * 1000000000ull / sampleRate_ : 0;
+  try {
+    renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, first);
+  } catch (...) {
+    return false;
+  }
+  for (uint32_t c = 0; c < channels_; ++c) {
+    std::memcpy(carry_[c] + carried_, outputs_[c], sizeof(float) * blockFrames_);
+  }
+  carried_ += blockFrames_;
+  framesRendered_ = first + blockFrames_;
+  return true;
+}
+
+void COpenWasapiSoundDriver::PumpThroughCarry(uint32_t room, uint64_t played,
+                                              uint64_t systemTime) {
+  if (room == 0) return;
+  // Whole blocks until the room can be filled; what it cannot take waits
+  // for the next period.
+  bool rendered = true;
+  while (rendered && carried_ < room && carried_ + blockFrames_ <= carryCapacity_) {
+    rendered = RenderBlock(played, systemTime);
+  }
+  const uint32_t frames = rendered ? std::min(room, carried_) : room;
+  if (frames == 0) return;
+  uint8_t* data = nullptr;
+  if (stream_.GetBuffer(render_, frames, &data) < 0 || data == nullptr) {
+    failed_ = true;
+    return;
+  }
+  if (rendered) {
+    const float* views[kWasapiMaxChannels];
+    for (uint32_t c = 0; c < channels_; ++c) views[c] = carry_[c];
+    InterleaveInto(views, channels_, frames, sample_, data, staging_.data());
+  }
+  const bool released = stream_.ReleaseBuffer(render_, frames, rendered ? 0 : kSilentFlag) >= 0;
+  framesWritten_ = framesWritten_.load() + frames;
+  if (!rendered || !released) {
+    failed_ = true;
+    return;
+  }
+  carried_ -= frames;
+  for (uint32_t c = 0; c < channels_; ++c) {
+    std::memmove(carry_[c], carry_[c] + frames, sizeof(float) * carried_);
   }
 }
 
@@ -499,8 +611,10 @@ CSoundDriverSettings& COpenWasapiSoundDriver::GetSettings(CSoundDriverSettings& 
 }
 
 void COpenWasapiSoundDriver::ApplySettings(const CSoundDriverSettings& settings) {
-  const uint32_t rate = registered_.Mode() == kShareModeShared ? sampleRate_ : settings.sampleRate;
-  if (settings.sampleRate != sampleRate_) settingsChanged_ = true;
+  const uint32_t rate = settings.sampleRate != 0 && !rates_.empty()
+                            ? NSFerrand::FindNearestValue(rates_, settings.sampleRate)
+                            : sampleRate_;
+  if (settings.sampleRate != rate) settingsChanged_ = true;
   const uint32_t frames = KeptFrames(settings.bufferFrames);
   if (frames != settings.bufferFrames) settingsChanged_ = true;
   if (rate == sampleRate_ && frames == blockFrames_) return;
@@ -517,8 +631,7 @@ bool COpenWasapiSoundDriver::TakeSettingsChanged() {
 
 NSFerrand::COpenSoundDriverInfo& COpenWasapiSoundDriver::GetDriverInfo(
     NSFerrand::COpenSoundDriverInfo& info) {
-  info.sampleRates =
-      registered_.Mode() == kShareModeShared ? std::vector<uint32_t>{sampleRate_} : rates_;
+  info.sampleRates = rates_;
   info.inputNames.clear();
   info.outputNames.clear();
   for (uint32_t c = 0; c < channels_; ++c) {
@@ -531,7 +644,9 @@ NSFerrand::COpenSoundDriverInfo& COpenWasapiSoundDriver::GetDriverInfo(
 
 int64_t COpenWasapiSoundDriver::GetOutputLatency() {
   int64_t latency = 0;
-  const int64_t buffer = NSFerrand::LatencyMicroseconds(engineFrames_, sampleRate_);
+  // What the carry holds waits up to a block longer.
+  const uint32_t carried = carry_.empty() ? 0 : blockFrames_;
+  const int64_t buffer = NSFerrand::LatencyMicroseconds(engineFrames_ + carried, sampleRate_);
   if (client_ != nullptr && api_.GetStreamLatency(client_, &latency) >= 0 && latency > 0) {
     return buffer + latency / 10;
   }

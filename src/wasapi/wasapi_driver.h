@@ -1,8 +1,11 @@
 // An open WASAPI driver: one stream on the audio engine, shared (the
-// engine's mix format and rate, float, at the smallest period it offers) or
+// engine's mix format, at any offered rate, the engine converting the ones
+// that are not its own, at the engine's default period or less) or
 // exclusive (a rate and sample format found by trial), both woken by the
-// engine's event. Its thread fills exactly the room the engine leaves, in
-// blocks of the size in force.
+// engine's event. Its thread fills the room the engine leaves. The host's
+// blocks are of the size it asked for: whole blocks straight into the
+// engine where they divide its period, else through a carry that holds
+// what one period could not take.
 #ifndef QUILLON_WASAPI_WASAPI_DRIVER_H
 #define QUILLON_WASAPI_WASAPI_DRIVER_H
 
@@ -42,6 +45,9 @@ uint32_t SharedPeriodFor(const std::vector<uint32_t>& sizes, uint32_t defaultFra
 void OfferSize(std::vector<uint32_t>& sizes, uint32_t size);
 // The frames the pump writes for a room: whole blocks only.
 uint32_t FramesToWrite(uint32_t bufferFrames, uint32_t padding, uint32_t block);
+// The block sizes a shared stream offers: the powers of two from 64 to 4096
+// frames and the engine's period.
+std::vector<uint32_t> HostSizes(uint32_t enginePeriod);
 // Planar float channels into the engine's interleaved format, through the
 // kernels; `staging` holds `frames` samples of one channel.
 void InterleaveInto(const float* const* channels, uint32_t channelCount, uint32_t frames,
@@ -70,14 +76,20 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   uint32_t Channels() const { return channels_; }
   uint32_t BufferFrames() const { return engineFrames_; }
   uint64_t FramesWritten() const { return framesWritten_.load(); }
+  uint64_t FramesRendered() const { return framesRendered_.load(); }
+  uint32_t EnginePeriod() const { return enginePeriod_; }
+  uint32_t CarriedFrames() const { return carried_; }
   // One pass of the pump, as the thread makes it after the engine's event.
   void StreamPump();
 
  private:
   void Run() override;
   void OpenStream(uint32_t sampleRate, uint32_t frames);
-  void OpenShared(uint32_t frames);
+  void OpenShared(uint32_t sampleRate, uint32_t frames);
   bool InitialiseLowLatency(const SWaveFormat& mix, uint32_t frames);
+  // The pump for blocks that do not divide the engine's period.
+  void PumpThroughCarry(uint32_t room, uint64_t played, uint64_t systemTime);
+  bool RenderBlock(uint64_t played, uint64_t systemTime);
   void OpenExclusive(uint32_t sampleRate, uint32_t frames);
   HResult InitialiseExclusive(const SWaveFormat& format, uint32_t frames, int64_t minimumPeriod,
                               int64_t defaultPeriod);
@@ -110,8 +122,11 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   std::vector<ESampleFormat> rateFormats_;
   std::vector<uint32_t> sizes_;
   uint32_t sampleRate_ = 0;
-  // The shared engine's default period, when it tells one.
+  // The shared engine's default period, when it tells one; the periods its
+  // low-latency client may run at; the one in force.
   uint32_t defaultFrames_ = 0;
+  std::vector<uint32_t> engineSizes_;
+  uint32_t enginePeriod_ = 0;
   uint32_t blockFrames_ = 0;
   // Silence the stream holds before the host's first frame.
   uint32_t prerollFrames_ = 0;
@@ -121,7 +136,13 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   bool settingsChanged_ = false;
   NSFerrand::CTimedThread* thread_ = nullptr;
   NSFerrand::CLockableMutex* stopMutex_ = nullptr;
+  // Frames given to the engine, and frames the host rendered: the carry is
+  // the difference.
   std::atomic<uint64_t> framesWritten_{0};
+  std::atomic<uint64_t> framesRendered_{0};
+  std::vector<float*> carry_;
+  uint32_t carried_ = 0;
+  uint32_t carryCapacity_ = 0;
   std::atomic<bool> failed_{false};
   NSFerrand::CChannelPointers inputs_;
   NSFerrand::CChannelPointers outputs_;

@@ -15,6 +15,7 @@ constexpr HResult kBufferTooLarge = static_cast<HResult>(0x88890006u);
 constexpr HResult kInvalidArgument = static_cast<HResult>(0x80070057u);
 constexpr size_t kRecordedBlocks = 1 << 16;
 constexpr size_t kBufferBytes = 1 << 20;
+constexpr size_t kRecordedBytes = 8 << 20;
 
 int64_t NowHundredNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -50,6 +51,7 @@ CFakeWasapi::CFakeWasapi() {
   endpoints.push_back(SFakeEndpoint());
   blocks_.reserve(kRecordedBlocks);
   lastBytes_.reserve(kBufferBytes);
+  allBytes_.reserve(kRecordedBytes);
   buffer_.reserve(kBufferBytes);
 }
 
@@ -117,6 +119,11 @@ std::vector<uint32_t> CFakeWasapi::Blocks() {
 std::vector<uint8_t> CFakeWasapi::LastBytes() {
   std::lock_guard<std::mutex> hold(lock_);
   return lastBytes_;
+}
+
+std::vector<uint8_t> CFakeWasapi::AllBytes() {
+  std::lock_guard<std::mutex> hold(lock_);
+  return allBytes_;
 }
 
 void CFakeWasapi::Remove(const std::u16string& id) {
@@ -243,7 +250,7 @@ HResult CFakeWasapi::GetCurrentSharedModeEnginePeriod(WClient client, uint32_t* 
   return kHResultOk;
 }
 
-HResult CFakeWasapi::InitializeSharedAudioStream(WClient client, uint32_t, uint32_t periodFrames,
+HResult CFakeWasapi::InitializeSharedAudioStream(WClient client, uint32_t flags, uint32_t periodFrames,
                                                  const SWaveFormat& format) {
   FAKE_CLIENT_CALL(kWasInitializeShared3)
   if (!c.client3) return kHResultNoInterface;
@@ -262,6 +269,7 @@ HResult CFakeWasapi::InitializeSharedAudioStream(WClient client, uint32_t, uint3
   c.stream.periodFrames = periodFrames;
   c.stream.bufferFrames = 2 * periodFrames;
   c.stream.initialisedBy3 = true;
+  c.stream.flags = flags;
   lastStream_ = c.stream;
   return kHResultOk;
 }
@@ -277,7 +285,7 @@ HResult CFakeWasapi::IsFormatSupported(WClient client, EShareMode mode, const SW
              : kAudioUnsupportedFormat;
 }
 
-HResult CFakeWasapi::Initialize(WClient client, EShareMode mode, uint32_t, int64_t duration,
+HResult CFakeWasapi::Initialize(WClient client, EShareMode mode, uint32_t flags, int64_t duration,
                                 int64_t periodicity, const SWaveFormat& format) {
   FAKE_CLIENT_CALL(kWasInitialize)
   if (c.initialised) return kAlreadyInitialised;
@@ -286,8 +294,18 @@ HResult CFakeWasapi::Initialize(WClient client, EShareMode mode, uint32_t, int64
   stream.format = format;
   stream.duration = duration;
   stream.periodicity = periodicity;
+  stream.flags = flags;
   if (mode == kShareModeShared) {
-    if (!SameFormat(format, endpoint->mix)) return kAudioUnsupportedFormat;
+    if (!SameFormat(format, endpoint->mix)) {
+      // Another rate only where the engine is asked to convert.
+      SWaveFormat atMixRate = format;
+      atMixRate.samplesPerSecond = endpoint->mix.samplesPerSecond;
+      atMixRate.averageBytesPerSecond = endpoint->mix.averageBytesPerSecond;
+      if ((flags & kStreamFlagAutoConvertPcm) == 0 || !SameFormat(atMixRate, endpoint->mix) ||
+          format.samplesPerSecond < 8000 || format.samplesPerSecond > 384000) {
+        return kAudioUnsupportedFormat;
+      }
+    }
     stream.periodFrames = Frames(endpoint->defaultPeriod, format.samplesPerSecond);
     stream.bufferFrames = 2 * stream.periodFrames;
   } else {
@@ -435,6 +453,9 @@ HResult CFakeWasapi::ReleaseBuffer(WRender render, uint32_t frames, uint32_t fla
   if (bytes > buffer_.size()) return kInvalidArgument;
   lastBytes_.assign(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(bytes));
   if ((flags & 2) != 0) std::fill(lastBytes_.begin(), lastBytes_.end(), 0);
+  if (allBytes_.size() + lastBytes_.size() <= allBytes_.capacity()) {
+    allBytes_.insert(allBytes_.end(), lastBytes_.begin(), lastBytes_.end());
+  }
   c.written += frames;
   framesReleased_ += frames;
   return kHResultOk;

@@ -88,6 +88,7 @@ struct SFakeStream {
   bool initialisedBy3 = false;
   int64_t duration = 0;
   int64_t periodicity = 0;
+  uint32_t flags = 0;
 };
 
 class CFakeWasapi : public NSWasapi::IWasapiApi {
@@ -119,8 +120,10 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   void QueuePaddings(const std::vector<uint32_t>& paddings);
   // The frames asked for by each GetBuffer, in order.
   std::vector<uint32_t> Blocks();
-  // The bytes of the newest released buffer.
+  // The bytes of the newest released buffer; of all released, the first
+  // few megabytes.
   std::vector<uint8_t> LastBytes();
+  std::vector<uint8_t> AllBytes();
   // The endpoint goes: every call on its clients answers "invalidated".
   void Remove(const std::u16string& id);
   int32_t LiveClients() const { return liveClients_.load(); }
@@ -200,6 +203,7 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   std::deque<uint32_t> paddings_;
   std::vector<uint32_t> blocks_;
   std::vector<uint8_t> lastBytes_;
+  std::vector<uint8_t> allBytes_;
   std::vector<uint8_t> buffer_;
   SFakeStream lastStream_;
   SClient* running_ = nullptr;

@@ -4,8 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <memory>
+#include <thread>
 
+#include "driver/registry.h"
+#include "support/storage_fixture.h"
+#include "wasapi/wasapi_driver.h"
+#include "wasapi/wasapi_family.h"
 #include "wasapi/win32/wasapi_layout.h"
 
 using namespace NSWasapi;
@@ -92,6 +100,86 @@ TEST(WasapiSystemLayer, AnExclusiveFormatQuestionPassesNoClosestMatch) {
   EXPECT_EQ(audio.questions, 2);
   api.ReleaseClient(client);
   EXPECT_EQ(audio.references, 0);
+}
+
+// Counts what it renders, and writes a quiet tone.
+class CCountingRenderer final : public NSFerrand::MSoundRenderer {
+ public:
+  uint32_t Render(uint32_t frames, const NSFerrand::CChannelPointers&,
+                  NSFerrand::CChannelPointers& outputs, uint64_t, uint64_t, uint64_t,
+                  uint64_t) override {
+    for (float* channel : outputs) {
+      for (uint32_t f = 0; f < frames; ++f) channel[f] = 0.01f * static_cast<float>(f % 2);
+    }
+    rendered += frames;
+    return 0;
+  }
+  std::atomic<uint64_t> rendered{0};
+};
+
+class WasapiSystemEngine : public StorageTest {
+ protected:
+  void SetUp() override {
+    StorageTest::SetUp();
+    registry.reset(new NSFerrand::CRegistryRef());
+    family.reset(new CWasapiFamilyScope(SystemWasapiApi()));
+  }
+  void TearDown() override {
+    family.reset();
+    registry.reset();
+    StorageTest::TearDown();
+  }
+  // The first endpoint of the system's engine, shared.
+  NSFerrand::CRegisteredDriverPtr FirstShared() {
+    NSFerrand::CRegisteredDriverList drivers;
+    NSFerrand::GetRegisteredDrivers(drivers);
+    for (const auto& driver : drivers) {
+      NSFerrand::CRegisteredSoundDriverInfo info;
+      driver->GetInfo(info);
+      if (info.family == u"WASAPI" && info.key.find(u"Shared") != std::u16string::npos) {
+        return driver;
+      }
+    }
+    return nullptr;
+  }
+
+  std::unique_ptr<NSFerrand::CRegistryRef> registry;
+  std::unique_ptr<CWasapiFamilyScope> family;
+};
+
+// The engine converts a rate that is not its own and pulls it at that
+// rate; every frame the host rendered reaches the engine or waits in the
+// carry.
+TEST_F(WasapiSystemEngine, ASharedClientPlaysTenSecondsAtTheRateItAskedFor) {
+  NSFerrand::CRegisteredDriverPtr driver = FirstShared();
+  ASSERT_NE(driver, nullptr) << "the session's engine has no endpoint";
+  for (uint32_t rate : {44100u, 96000u}) {
+    CCountingRenderer renderer;
+    NSFerrand::CSoundDriverSettings wanted;
+    wanted.sampleRate = rate;
+    wanted.bufferFrames = 512;
+    wanted.outputPairs = NSFerrand::CChannelBitVector(1);
+    wanted.outputPairs.Set(0, true);
+    std::unique_ptr<NSFerrand::CABCOpenSoundDriver> open(
+        driver->OpenWithSettings(wanted, &renderer, nullptr));
+    auto* wasapi = dynamic_cast<COpenWasapiSoundDriver*>(open.get());
+    ASSERT_NE(wasapi, nullptr);
+    NSFerrand::CSoundDriverSettings kept;
+    open->GetSettings(kept);
+    ASSERT_EQ(kept.sampleRate, rate);
+    // A second to settle, then ten counted.
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const uint64_t before = renderer.rendered.load();
+    const auto began = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(10));
+    const uint64_t after = renderer.rendered.load();
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    const double pace = static_cast<double>(after - before) / seconds;
+    EXPECT_NEAR(pace, rate, 0.02 * rate) << rate;
+    EXPECT_FALSE(wasapi->Failed()) << rate;
+    open.reset();
+  }
 }
 
 }  // namespace

@@ -245,33 +245,92 @@ TEST_F(WasapiTest, EndpointChangesAreNotedOnTheirThreadAndRegisteredAtTheRefresh
   EXPECT_EQ(fake.Calls(Fakes::kWasList), lists);
 }
 
-TEST_F(WasapiTest, SharedModeKeepsTheMixRateAndTheNearestPeriod) {
+TEST_F(WasapiTest, SharedModeOffersEveryRateTheEngineConvertingAllButItsOwn) {
   Still();
   const CSoundDriverSettings wanted = Settings(44100, 100);
   auto driver = Open(kShareModeShared, &wanted);
   CSoundDriverSettings kept;
   driver->GetSettings(kept);
-  EXPECT_EQ(kept.sampleRate, 48000u);
+  EXPECT_EQ(kept.sampleRate, 44100u);
   EXPECT_EQ(kept.bufferFrames, 128u);
   EXPECT_EQ(kept.outputPairs.Count(), 1u);
   EXPECT_TRUE(driver->TakeSettingsChanged());
-  const Fakes::SFakeStream stream = fake.LastStream();
-  EXPECT_TRUE(stream.initialisedBy3);
-  EXPECT_EQ(stream.periodFrames, 128u);
-  EXPECT_EQ(stream.format.samplesPerSecond, 48000u);
+  Fakes::SFakeStream stream = fake.LastStream();
+  EXPECT_FALSE(stream.initialisedBy3);
+  EXPECT_EQ(stream.format.samplesPerSecond, 44100u);
+  EXPECT_EQ(stream.format.averageBytesPerSecond, 44100u * 8);
+  EXPECT_EQ(stream.flags, kStreamFlagEventCallback | kStreamFlagAutoConvertPcm |
+                              kStreamFlagSrcDefaultQuality);
+  // The engine's default period, at the stream's rate.
+  EXPECT_EQ(stream.periodFrames, 441u);
+  EXPECT_EQ(driver->EnginePeriod(), 441u);
   NSFerrand::COpenSoundDriverInfo info;
   driver->GetDriverInfo(info);
-  EXPECT_EQ(info.sampleRates, std::vector<uint32_t>{48000});
-  std::vector<uint32_t> sizes;
-  for (uint32_t size = 128; size <= 480; size += 32) sizes.push_back(size);
-  EXPECT_EQ(info.bufferSizes, sizes);
+  EXPECT_EQ(info.sampleRates, (std::vector<uint32_t>{44100, 48000, 88200, 96000, 192000}));
+  EXPECT_EQ(info.bufferSizes, (std::vector<uint32_t>{64, 128, 256, 441, 512, 1024, 2048, 4096}));
   EXPECT_EQ(info.outputNames, (std::vector<std::u16string>{u"Left", u"Right"}));
-  // Another rate is refused by keeping the mix rate, and said so.
-  driver->ApplySettings(Settings(96000, 256));
+  // The mix rate keeps the low-latency periods, without conversion.
+  driver->ApplySettings(Settings(48000, 128));
   driver->GetSettings(kept);
   EXPECT_EQ(kept.sampleRate, 48000u);
+  EXPECT_EQ(kept.bufferFrames, 128u);
+  stream = fake.LastStream();
+  EXPECT_TRUE(stream.initialisedBy3);
+  EXPECT_EQ(stream.periodFrames, 128u);
+  EXPECT_EQ(stream.flags, kStreamFlagEventCallback);
+  // A rate that is not offered: the nearest, and said so.
+  driver->ApplySettings(Settings(100000, 256));
+  driver->GetSettings(kept);
+  EXPECT_EQ(kept.sampleRate, 96000u);
   EXPECT_EQ(kept.bufferFrames, 256u);
   EXPECT_TRUE(driver->TakeSettingsChanged());
+  EXPECT_EQ(fake.LiveClients(), 1);
+}
+
+TEST_F(WasapiTest, BlocksThatDoNotDivideThePeriodGoThroughTheCarryWithoutALostFrame) {
+  Still();
+  fake.endpoints[0].client3 = false;
+  // A ramp on the left channel, counting frames from the first.
+  struct Ramp final : NSFerrand::MSoundRenderer {
+    uint32_t Render(uint32_t frames, const NSFerrand::CChannelPointers&,
+                    NSFerrand::CChannelPointers& outputs, uint64_t, uint64_t, uint64_t,
+                    uint64_t position) override {
+      positions.push_back(position);
+      for (uint32_t f = 0; f < frames; ++f) {
+        outputs[0][f] = static_cast<float>(position + f);
+        outputs[1][f] = 0.0f;
+      }
+      return 0;
+    }
+    std::vector<uint64_t> positions;
+  } ramp;
+  ramp.positions.reserve(64);
+  registered.reset(new CWasapiRegisteredSoundDriver(fake, Endpoint(), kShareModeShared));
+  const CSoundDriverSettings wanted = Settings(48000, 256);
+  std::unique_ptr<COpenWasapiSoundDriver> driver(
+      new COpenWasapiSoundDriver(*registered, &ramp, &wanted));
+  ASSERT_EQ(driver->EnginePeriod(), 480u);
+  ASSERT_EQ(driver->BufferFrames(), 960u);
+  // The whole buffer, then a period, then a little, then nothing.
+  fake.QueuePaddings({0, 480, 900, 960, 300});
+  for (int i = 0; i < 5; ++i) driver->StreamPump();
+  EXPECT_FALSE(driver->Failed());
+  EXPECT_EQ(fake.Blocks(), (std::vector<uint32_t>{960, 480, 60, 660}));
+  EXPECT_EQ(driver->FramesWritten(), 2160u);
+  EXPECT_EQ(driver->FramesRendered(), 2304u);
+  EXPECT_EQ(driver->CarriedFrames(), 144u);
+  EXPECT_EQ(ramp.positions, (std::vector<uint64_t>{0, 256, 512, 768, 1024, 1280, 1536, 1792, 2048}));
+  const std::vector<uint8_t> bytes = fake.AllBytes();
+  ASSERT_EQ(bytes.size(), 2160u * 8);
+  for (uint32_t f = 0; f < 2160; ++f) {
+    float left = 0.0f;
+    std::memcpy(&left, bytes.data() + f * 8, 4);
+    ASSERT_EQ(left, static_cast<float>(f)) << f;
+  }
+  // The carry adds up to a block of latency, and says so.
+  const int64_t expected =
+      NSFerrand::LatencyMicroseconds(960 + 256, 48000) + 3000;
+  EXPECT_EQ(driver->GetOutputLatency(), expected);
 }
 
 TEST_F(WasapiTest, AnEngineWithoutTheLowLatencyOperationsUsesItsDefaultPeriod) {
@@ -285,7 +344,7 @@ TEST_F(WasapiTest, AnEngineWithoutTheLowLatencyOperationsUsesItsDefaultPeriod) {
   EXPECT_EQ(kept.bufferFrames, 480u);
   NSFerrand::COpenSoundDriverInfo info;
   driver->GetDriverInfo(info);
-  EXPECT_EQ(info.bufferSizes, std::vector<uint32_t>{480});
+  EXPECT_EQ(info.bufferSizes, (std::vector<uint32_t>{64, 128, 256, 480, 512, 1024, 2048, 4096}));
 }
 
 TEST_F(WasapiTest, ExclusiveRatesAndFormatsAreFoundByTrial) {
@@ -499,17 +558,20 @@ TEST_F(WasapiTest, AnOddChannelCountGetsAPartnerThatIsRenderedAndNeverPlayed) {
 TEST_F(WasapiTest, TheEngineKeepsItsDefaultPeriodUnlessTheHostAsksForLess) {
   Still();
   fake.endpoints[0].defaultFrames = 256;
+  // The engine's period, and the host's block of the size it asked for.
   const struct {
     uint32_t asked;
     uint32_t period;
-  } cases[] = {{0, 256}, {1000, 256}, {256, 256}, {200, 224}, {100, 128}, {1, 128}};
+    uint32_t block;
+  } cases[] = {{0, 256, 256},   {1000, 256, 1024}, {256, 256, 256},
+               {200, 224, 224}, {100, 128, 128},   {1, 128, 64}};
   for (const auto& c : cases) {
     const CSoundDriverSettings wanted = Settings(48000, c.asked);
     auto driver = Open(kShareModeShared, c.asked != 0 ? &wanted : nullptr);
     EXPECT_EQ(fake.LastStream().periodFrames, c.period) << c.asked;
     CSoundDriverSettings kept;
     driver->GetSettings(kept);
-    EXPECT_EQ(kept.bufferFrames, c.period) << c.asked;
+    EXPECT_EQ(kept.bufferFrames, c.block) << c.asked;
   }
   // Another application holds the engine at its own period: the stream
   // joins it rather than failing.
@@ -518,9 +580,10 @@ TEST_F(WasapiTest, TheEngineKeepsItsDefaultPeriodUnlessTheHostAsksForLess) {
   auto driver = Open(kShareModeShared, &wanted);
   EXPECT_TRUE(fake.LastStream().initialisedBy3);
   EXPECT_EQ(fake.LastStream().periodFrames, 192u);
+  EXPECT_EQ(driver->EnginePeriod(), 192u);
   CSoundDriverSettings kept;
   driver->GetSettings(kept);
-  EXPECT_EQ(kept.bufferFrames, 192u);
+  EXPECT_EQ(kept.bufferFrames, 128u);
   EXPECT_EQ(fake.LiveClients(), 1);
 }
 
@@ -668,17 +731,39 @@ TEST_F(WasapiTest, AFailureAtEachStepOfTheOpeningReleasesEverything) {
 
 TEST_F(WasapiTest, HostileSettingsAreReplacedByTheNearestKept) {
   Still();
-  auto driver = Open(kShareModeExclusive);
-  for (uint32_t rate : {0u, 1u, 0xFFFFFFFFu}) {
-    for (uint32_t frames : {0u, 1u, 0xFFFFFFFFu}) {
-      driver->ApplySettings(Settings(rate, frames));
-      CSoundDriverSettings kept;
-      driver->GetSettings(kept);
-      EXPECT_NE(kept.sampleRate, 0u);
-      EXPECT_GT(kept.bufferFrames, 0u);
-      EXPECT_LE(kept.bufferFrames, kWasapiMaxBlockFrames);
+  for (EShareMode mode : {kShareModeExclusive, kShareModeShared}) {
+    auto driver = Open(mode);
+    for (uint32_t rate : {0u, 1u, 44099u, 0xFFFFFFFFu}) {
+      for (uint32_t frames : {0u, 1u, 4095u, 0xFFFFFFFFu}) {
+        driver->ApplySettings(Settings(rate, frames));
+        CSoundDriverSettings kept;
+        driver->GetSettings(kept);
+        EXPECT_NE(kept.sampleRate, 0u);
+        EXPECT_GT(kept.bufferFrames, 0u);
+        EXPECT_LE(kept.bufferFrames, kWasapiMaxBlockFrames);
+        // Whatever was kept plays.
+        driver->StreamPump();
+        EXPECT_FALSE(driver->Failed()) << mode << " " << rate << " " << frames;
+      }
     }
   }
+}
+
+TEST_F(WasapiTest, TheCarryPlaysAtPaceNeitherAllocatingNorWaiting) {
+  fake.endpoints[0].client3 = false;
+  const CSoundDriverSettings wanted = Settings(48000, 256);
+  auto driver = Open(kShareModeShared, &wanted);
+  ASSERT_EQ(driver->EnginePeriod(), 480u);
+  ASSERT_TRUE(WaitFor([&] { return renderer.watch.Watched() >= 60; }));
+  driver.reset();
+  EXPECT_EQ(renderer.watch.Allocations(), 0u);
+  EXPECT_EQ(renderer.watch.BlockingWaits(), 0u);
+  std::lock_guard<std::mutex> hold(renderer.mutex);
+  for (size_t i = 1; i < renderer.positions.size(); ++i) {
+    EXPECT_EQ(renderer.positions[i], renderer.positions[i - 1] + 256);
+    EXPECT_GE(renderer.times[i], renderer.times[i - 1]);
+  }
+  EXPECT_EQ(fake.LiveClients(), 0);
 }
 
 TEST_F(WasapiTest, TheEventThreadPlaysAtPaceWithTimesNeitherAllocatingNorWaiting) {
