@@ -125,6 +125,10 @@ HResult CWasapiApartment::ListRenderEndpoints(WEnumerator enumerator,
   return Hop([&] { return system_.ListRenderEndpoints(enumerator, endpoints); });
 }
 
+HResult CWasapiApartment::GetDefaultRenderEndpoint(WEnumerator enumerator, std::u16string* id) {
+  return Hop([&] { return system_.GetDefaultRenderEndpoint(enumerator, id); });
+}
+
 HResult CWasapiApartment::RegisterNotification(WEnumerator enumerator, IEndpointSink* sink,
                                                WNotification* notification) {
   return Hop([&] { return system_.RegisterNotification(enumerator, sink, notification); });

@@ -35,6 +35,7 @@ class CWasapiApartment final : public IWasapiApi {
   HResult CreateEnumerator(WEnumerator* enumerator) override;
   void ReleaseEnumerator(WEnumerator enumerator) override;
   HResult ListRenderEndpoints(WEnumerator enumerator, std::vector<SEndpoint>& endpoints) override;
+  HResult GetDefaultRenderEndpoint(WEnumerator enumerator, std::u16string* id) override;
   HResult RegisterNotification(WEnumerator enumerator, IEndpointSink* sink,
                                WNotification* notification) override;
   void UnregisterNotification(WEnumerator enumerator, WNotification notification) override;

@@ -99,6 +99,8 @@ struct SEndpoint {
 class IEndpointSink {
  public:
   virtual void OnEndpointsChanged() = 0;
+  // The system's default render endpoint for the console is another now.
+  virtual void OnDefaultEndpointChanged() = 0;
 
  protected:
   ~IEndpointSink() = default;
@@ -119,6 +121,8 @@ class IWasapiApi {
   // The active render endpoints, each with its id and friendly name.
   virtual HResult ListRenderEndpoints(WEnumerator enumerator,
                                       std::vector<SEndpoint>& endpoints) = 0;
+  // The id of the system's default render endpoint for the console.
+  virtual HResult GetDefaultRenderEndpoint(WEnumerator enumerator, std::u16string* id) = 0;
   virtual HResult RegisterNotification(WEnumerator enumerator, IEndpointSink* sink,
                                        WNotification* notification) = 0;
   virtual void UnregisterNotification(WEnumerator enumerator, WNotification notification) = 0;

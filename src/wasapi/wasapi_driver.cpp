@@ -141,6 +141,14 @@ COpenWasapiSoundDriver::COpenWasapiSoundDriver(const CWasapiRegisteredSoundDrive
       renderer_(renderer) {
   try {
     ThrowOnWasapiResult(api_.CreateEnumerator(&enumerator_));
+    followsDefault_ = registered_.Endpoint().id.empty();
+    if (followsDefault_) {
+      defaultGeneration_ = DefaultEndpointGeneration();
+      ThrowOnWasapiResult(api_.GetDefaultRenderEndpoint(enumerator_, &endpointId_));
+      if (endpointId_.empty()) RaiseCannotOpen();
+    } else {
+      endpointId_ = registered_.Endpoint().id;
+    }
     if (registered_.Mode() == kShareModeExclusive) FindExclusiveFormats();
     const uint32_t rate = settings != nullptr ? settings->sampleRate : 0;
     const uint32_t frames = settings != nullptr ? settings->bufferFrames : 0;
@@ -161,7 +169,7 @@ COpenWasapiSoundDriver::~COpenWasapiSoundDriver() {
 
 void COpenWasapiSoundDriver::Activate() {
   bool client3 = false;
-  ThrowOnWasapiResult(api_.ActivateClient(enumerator_, registered_.Endpoint().id, &client_, &client3));
+  ThrowOnWasapiResult(api_.ActivateClient(enumerator_, endpointId_, &client_, &client3));
   if (client_ == nullptr) RaiseCannotOpen();
   client3_ = client3;
 }
@@ -526,9 +534,10 @@ void COpenWasapiSoundDriver::StreamPump() {
     }
     bool rendered = true;
     try {
-      renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, first);
+      renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, HostPosition(first));
     } catch (...) {
       rendered = false;
+      rendererFailed_ = true;
     }
     if (rendered) {
       InterleaveInto(outputs_.data(), channels_, blockFrames_, sample_, data, staging_.data());
@@ -553,8 +562,9 @@ bool COpenWasapiSoundDriver::RenderBlock(uint64_t played, uint64_t systemTime) {
   const uint64_t ahead = at > played ? at - played : 0;
   const uint64_t when = systemTime != 0 ? systemTime + ahead * 1000000000ull / sampleRate_ : 0;
   try {
-    renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, first);
+    renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, HostPosition(first));
   } catch (...) {
+    rendererFailed_ = true;
     return false;
   }
   for (uint32_t c = 0; c < channels_; ++c) {
@@ -619,6 +629,7 @@ void COpenWasapiSoundDriver::ApplySettings(const CSoundDriverSettings& settings)
   if (frames != settings.bufferFrames) settingsChanged_ = true;
   if (rate == sampleRate_ && frames == blockFrames_) return;
   CloseStream();
+  streamOrigin_ = 0;
   OpenStream(rate, frames);
   settingsChanged_ = true;
 }
@@ -654,7 +665,34 @@ int64_t COpenWasapiSoundDriver::GetOutputLatency() {
 }
 
 void COpenWasapiSoundDriver::CheckAlive() {
+  if (followsDefault_ && !rendererFailed_ &&
+      (failed_ || defaultGeneration_ != DefaultEndpointGeneration())) {
+    FollowDefault();
+  }
   if (failed_) RaiseFailure(NSMarlet::XNotReady(""), NSMarlet::TargetWordAudioDriver());
+}
+
+void COpenWasapiSoundDriver::FollowDefault() {
+  defaultGeneration_ = DefaultEndpointGeneration();
+  std::u16string id;
+  // No default now: a failed stream stays failed, a playing one plays on.
+  if (api_.GetDefaultRenderEndpoint(enumerator_, &id) < 0 || id.empty()) return;
+  if (id == endpointId_ && !failed_) return;
+  const uint64_t origin = HostPosition(framesRendered_.load());
+  const uint32_t rate = sampleRate_;
+  const uint32_t frames = blockFrames_;
+  CloseStream();
+  endpointId_ = id;
+  failed_ = false;
+  try {
+    // The rate and size in force, where the new endpoint keeps them; the
+    // host hears of a change only when it does not.
+    OpenStream(rate, frames);
+    streamOrigin_ = origin;
+  } catch (...) {
+    CloseStream();
+    failed_ = true;
+  }
 }
 
 }  // namespace NSWasapi

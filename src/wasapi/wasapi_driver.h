@@ -79,6 +79,8 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   uint64_t FramesRendered() const { return framesRendered_.load(); }
   uint32_t EnginePeriod() const { return enginePeriod_; }
   uint32_t CarriedFrames() const { return carried_; }
+  // The endpoint the stream plays on now.
+  const std::u16string& EndpointId() const { return endpointId_; }
   // One pass of the pump, as the thread makes it after the engine's event.
   void StreamPump();
 
@@ -102,6 +104,10 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   void CloseStream();
   // The event did not come: a stream whose device is gone fails now.
   void ProbeStalledStream();
+  // "Default output": moves the stream to the system's default endpoint
+  // when that is another, or when the stream failed with its device.
+  void FollowDefault();
+  uint64_t HostPosition(uint64_t streamFrame) const { return streamOrigin_ + streamFrame; }
 
   const CWasapiRegisteredSoundDriver& registered_;
   // The control calls' thread stays while the driver is open.
@@ -111,6 +117,12 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   IWasapiApi& stream_;
   NSFerrand::MSoundRenderer* renderer_;
   WEnumerator enumerator_ = nullptr;
+  std::u16string endpointId_;
+  bool followsDefault_ = false;
+  uint32_t defaultGeneration_ = 0;
+  // The host's position of the stream's first frame: a move to another
+  // endpoint goes on counting.
+  uint64_t streamOrigin_ = 0;
   WClient client_ = nullptr;
   bool client3_ = false;
   WRender render_ = nullptr;
@@ -144,6 +156,8 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   uint32_t carried_ = 0;
   uint32_t carryCapacity_ = 0;
   std::atomic<bool> failed_{false};
+  // The host's renderer raised: nothing to move away from.
+  std::atomic<bool> rendererFailed_{false};
   NSFerrand::CChannelPointers inputs_;
   NSFerrand::CChannelPointers outputs_;
   std::vector<int32_t> staging_;

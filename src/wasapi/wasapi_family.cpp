@@ -14,6 +14,7 @@ using NSFerrand::CRegisteredSoundDriverInfo;
 using NSMarlet::RaiseFailure;
 
 const char16_t kWasapiFamilyWord[] = u"WASAPI";
+const char16_t kDefaultOutputName[] = u"Default output";
 
 const SGuid kSubFormatPcm = {0x00000001, 0x0000, 0x0010,
                              {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
@@ -25,6 +26,9 @@ namespace {
 const char16_t kSharedKeyPrefix[] = u"Ferrand WASAPI Shared ";
 const char16_t kExclusiveKeyPrefix[] = u"Ferrand WASAPI Exclusive ";
 const char16_t kExclusiveSuffix[] = u" (exclusive)";
+const char16_t kDefaultOutputKey[] = u"Ferrand WASAPI Default output";
+
+std::atomic<uint32_t> defaultGeneration{0};
 
 struct SSampleShape {
   uint16_t container;
@@ -95,7 +99,12 @@ void ThrowOnWasapiResult(HResult result) {
   }
 }
 
+SEndpoint DefaultOutputEndpoint() { return {u"", kDefaultOutputName}; }
+
+uint32_t DefaultEndpointGeneration() { return defaultGeneration.load(); }
+
 CWideString WasapiKey(const SEndpoint& endpoint, EShareMode mode) {
+  if (endpoint.id.empty()) return kDefaultOutputKey;
   return (mode == kShareModeShared ? kSharedKeyPrefix : kExclusiveKeyPrefix) + endpoint.id;
 }
 
@@ -176,26 +185,32 @@ CWasapiFamilyScope::~CWasapiFamilyScope() {
 
 void CWasapiFamilyScope::OnEndpointsChanged() { changed_.store(true); }
 
+void CWasapiFamilyScope::OnDefaultEndpointChanged() { ++defaultGeneration; }
+
 void CWasapiFamilyScope::RefreshIfChanged() {
   if (!changed_.exchange(false) || enumerator_ == nullptr) return;
   Register();
+}
+
+void CWasapiFamilyScope::Add(const SEndpoint& endpoint, EShareMode mode,
+                             std::vector<CWideString>& alive) {
+  CWasapiRegisteredSoundDriver* driver = nullptr;
+  try {
+    driver = new CWasapiRegisteredSoundDriver(apartment_, apartment_->System(), endpoint, mode);
+    alive.push_back(WasapiKey(endpoint, mode));
+    if (!NSFerrand::AddRegisteredDriver(driver)) delete driver;
+  } catch (...) {
+    delete driver;
+  }
 }
 
 void CWasapiFamilyScope::Register() {
   std::vector<SEndpoint> endpoints;
   if (apartment_->ListRenderEndpoints(enumerator_, endpoints) < 0) endpoints.clear();
   std::vector<CWideString> alive;
+  if (!endpoints.empty()) Add(DefaultOutputEndpoint(), kShareModeShared, alive);
   for (const SEndpoint& endpoint : endpoints) {
-    for (EShareMode mode : {kShareModeShared, kShareModeExclusive}) {
-      CWasapiRegisteredSoundDriver* driver = nullptr;
-      try {
-        driver = new CWasapiRegisteredSoundDriver(apartment_, apartment_->System(), endpoint, mode);
-        alive.push_back(WasapiKey(endpoint, mode));
-        if (!NSFerrand::AddRegisteredDriver(driver)) delete driver;
-      } catch (...) {
-        delete driver;
-      }
-    }
+    for (EShareMode mode : {kShareModeShared, kShareModeExclusive}) Add(endpoint, mode, alive);
   }
   NSFerrand::RemoveFamilyDriversExcept(kWasapiFamilyWord, alive);
 }

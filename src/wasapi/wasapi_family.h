@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <memory>
+#include <vector>
 
 #include "driver/registry.h"
 #include "wasapi/wasapi_api.h"
@@ -15,6 +16,12 @@ namespace NSWasapi {
 using NSFerrand::CWideString;
 
 extern const char16_t kWasapiFamilyWord[];
+// The shared entry that follows the system's default render endpoint: its
+// endpoint has no id.
+extern const char16_t kDefaultOutputName[];
+SEndpoint DefaultOutputEndpoint();
+// Counts the changes of the system's default render endpoint in the process.
+uint32_t DefaultEndpointGeneration();
 
 // Raises the failure a result stands for; returns on success codes. A
 // device that is gone or in another's hands is the driver's failure to
@@ -55,7 +62,8 @@ class CWasapiRegisteredSoundDriver final : public NSFerrand::CABCRegisteredSound
   EShareMode mode_;
 };
 
-// The family's registration, through a COM thread of its own. Endpoint
+// The family's registration, through a COM thread of its own: "Default
+// output" first, when there is any endpoint, then each endpoint. Endpoint
 // notifications only take note; the control thread registers again at its
 // next Refresh.
 class CWasapiFamilyScope final : private IEndpointSink {
@@ -72,7 +80,11 @@ class CWasapiFamilyScope final : private IEndpointSink {
 
  private:
   void OnEndpointsChanged() override;
+  void OnDefaultEndpointChanged() override;
   void Register();
+  // Registers one entry and notes its key among the living; a failure
+  // leaves it out.
+  void Add(const SEndpoint& endpoint, EShareMode mode, std::vector<CWideString>& alive);
 
   std::shared_ptr<CWasapiApartment> apartment_;
   WEnumerator enumerator_ = nullptr;

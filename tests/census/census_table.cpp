@@ -186,6 +186,7 @@ void Build() {
   Wasapi("CoInitialize", Fakes::kWasCoInitialize);
   Wasapi("CreateEnumerator", Fakes::kWasCreateEnumerator);
   Wasapi("ListRenderEndpoints", Fakes::kWasList);
+  Wasapi("GetDefaultRenderEndpoint", Fakes::kWasDefaultEndpoint, u"Default output");
   Wasapi("RegisterNotification", Fakes::kWasRegister);
   Wasapi("ActivateClient", Fakes::kWasActivate);
   Wasapi("GetMixFormat", Fakes::kWasMixFormat);
@@ -369,6 +370,7 @@ std::vector<SNoRow> CallsWithoutARow() {
       {"IWasapiApi", "ReleaseClock", "gives nothing back"},
       {"IWasapiApi", "CloseEngineEvent", "gives nothing back"},
       {"IWasapiApi", "OnEndpointsChanged", "the library's own callback, not a call it makes"},
+      {"IWasapiApi", "OnDefaultEndpointChanged", "the library's own callback, not a call it makes"},
       {"IASIOPlatform", "CoUninitialize", "gives nothing back"},
       {"IASIOPlatform", "CloseHandle", "gives nothing back"},
       {"IASIOPlatform", "SysStringLen", "answers a length"},

@@ -50,13 +50,50 @@ class WasapiClientTest : public ::testing::Test {
 };
 
 TEST_F(WasapiClientTest, EndpointsAreListedAfterTheOtherFamilies) {
-  ASSERT_EQ(specs->GetSize(), 3);
+  ASSERT_EQ(specs->GetSize(), 4);
   SDriverSpecKey key;
   specs->GetData()[1]->GetKeyRecord(&key);
   EXPECT_EQ(Text(key.family), u"WASAPI");
-  EXPECT_EQ(Text(key.name), u"Fake Speakers");
+  EXPECT_EQ(Text(key.name), u"Default output");
   specs->GetData()[2]->GetKeyRecord(&key);
+  EXPECT_EQ(Text(key.name), u"Fake Speakers");
+  specs->GetData()[3]->GetKeyRecord(&key);
   EXPECT_EQ(Text(key.name), u"Fake Speakers (exclusive)");
+}
+
+TEST_F(WasapiClientTest, DefaultOutputMovesToANewDefaultWithoutALoss) {
+  Fakes::SFakeEndpoint second;
+  second.id = u"{0.0.0.00000000}.{second}";
+  second.name = u"Headphones";
+  engine.endpoints.push_back(second);
+  IClient* client = Open(u"Default output");
+  ASSERT_TRUE(WaitFor([&] {
+    client->Idle();
+    return host.drivenBlocks.load() >= 10;
+  }));
+  auto settingsEvents = [&] {
+    const std::vector<std::string> events = host.Events();
+    return std::count(events.begin(), events.end(), std::string("settings"));
+  };
+  const auto settingsBefore = settingsEvents();
+  const uint64_t positionBefore = host.timings[2].load();
+  engine.SetDefault(second.id);
+  ASSERT_TRUE(WaitFor([&] {
+    client->Idle();
+    return engine.LastStream().id == second.id;
+  }));
+  const uint64_t blocks = host.drivenBlocks.load();
+  ASSERT_TRUE(WaitFor([&] {
+    client->Idle();
+    return host.drivenBlocks.load() >= blocks + 10;
+  }));
+  // The host's clock goes on from where it was, and it heard of nothing.
+  EXPECT_GT(host.timings[2].load(), positionBefore);
+  EXPECT_EQ(host.lost.load(), 0);
+  EXPECT_EQ(settingsEvents(), settingsBefore);
+  EXPECT_EQ(host.silentBlocks.load(), 0u);
+  QuillonDestroy(client);
+  EXPECT_EQ(engine.LiveClients(), 0);
 }
 
 TEST_F(WasapiClientTest, AClientPlaysInSharedModeAtTheEnginesPace) {
@@ -147,7 +184,17 @@ class RealWasapiTest : public RealFamilyFixture {
   RealWasapiTest() : RealFamilyFixture(u"WASAPI", "audio engine endpoint") {}
   void SetUp() override {
     RealFamilyFixture::SetUp();
-    shared = device;
+    // The family's first entry follows the default; the endpoint's own
+    // shared entry comes next.
+    defaultOutput = device;
+    for (int64_t i = 0; specs != nullptr && i < specs->GetSize(); ++i) {
+      SDriverSpecKey key;
+      specs->GetData()[i]->GetKeyRecord(&key);
+      if (Text(key.family) == u"WASAPI" && Text(key.name) != u"Default output") {
+        shared = specs->GetData()[i];
+        break;
+      }
+    }
   }
   // Idles as a host does, every 20 ms, for that long.
   void Play(IClient* client, double seconds) {
@@ -158,11 +205,30 @@ class RealWasapiTest : public RealFamilyFixture {
     }
   }
 
+  const IDriverSpec* defaultOutput = nullptr;
   const IDriverSpec* shared = nullptr;
   TestHost host;
 };
 
+TEST_F(RealWasapiTest, DefaultOutputPlaysOnTheSystemsDefault) {
+  SDriverSpecKey key;
+  ASSERT_EQ(defaultOutput->GetKeyRecord(&key), kStatusOk);
+  EXPECT_EQ(Text(key.name), u"Default output");
+  uint32_t running = 0;
+  uint32_t status = 0;
+  IClient* client = library->CreateClient(&host, nullptr, defaultOutput, &running, &status);
+  ASSERT_EQ(status, kStatusOk);
+  ASSERT_EQ(running, 1u);
+  EXPECT_TRUE(WaitFor([&] {
+    client->Idle();
+    return host.drivenBlocks.load() > 20;
+  }));
+  EXPECT_EQ(host.lost.load(), 0);
+  QuillonDestroy(client);
+}
+
 TEST_F(RealWasapiTest, SharedModePlaysTenSecondsAtTheRateInForce) {
+  ASSERT_NE(shared, nullptr);
   SDriverSpecKey key;
   ASSERT_EQ(shared->GetKeyRecord(&key), kStatusOk);
   EXPECT_EQ(Text(key.family), u"WASAPI");
@@ -193,6 +259,7 @@ TEST_F(RealWasapiTest, SharedModePlaysTenSecondsAtTheRateInForce) {
 // driver does not start, the client goes on in silence, and nothing else
 // changes: the shared driver of the same device still plays.
 TEST_F(RealWasapiTest, ExclusiveModePlaysOrIsRefusedCleanly) {
+  ASSERT_NE(shared, nullptr);
   SDriverSpecKey key;
   shared->GetKeyRecord(&key);
   const std::u16string exclusiveName = Text(key.name) + u" (exclusive)";

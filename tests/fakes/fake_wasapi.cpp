@@ -101,6 +101,37 @@ void CFakeWasapi::NotifyFromAnotherThread() {
   notifier.join();
 }
 
+void CFakeWasapi::SetDefault(const std::u16string& id) {
+  IEndpointSink* sink = nullptr;
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    defaultId_ = id;
+    sink = sink_;
+  }
+  if (sink == nullptr) return;
+  std::thread notifier([sink] { sink->OnDefaultEndpointChanged(); });
+  notifier.join();
+}
+
+HResult CFakeWasapi::GetDefaultRenderEndpoint(WEnumerator, std::u16string* id) {
+  id->clear();
+  HResult result = kHResultOk;
+  if (Failing(kWasDefaultEndpoint, result)) return result;
+  std::lock_guard<std::mutex> hold(lock_);
+  if (!defaultId_.empty()) {
+    if (Find(defaultId_) == nullptr) return kHResultNotFound;
+    *id = defaultId_;
+    return kHResultOk;
+  }
+  for (const SFakeEndpoint& endpoint : endpoints) {
+    if (removed_.count(endpoint.id) == 0) {
+      *id = endpoint.id;
+      return kHResultOk;
+    }
+  }
+  return kHResultNotFound;
+}
+
 SFakeStream CFakeWasapi::LastStream() {
   std::lock_guard<std::mutex> hold(lock_);
   return lastStream_;
@@ -109,6 +140,7 @@ SFakeStream CFakeWasapi::LastStream() {
 void CFakeWasapi::QueuePaddings(const std::vector<uint32_t>& paddings) {
   std::lock_guard<std::mutex> hold(lock_);
   paddings_.assign(paddings.begin(), paddings.end());
+  paddingsThread_ = std::this_thread::get_id();
 }
 
 std::vector<uint32_t> CFakeWasapi::Blocks() {
@@ -264,6 +296,7 @@ HResult CFakeWasapi::InitializeSharedAudioStream(WClient client, uint32_t flags,
     return kInvalidArgument;
   }
   c.initialised = true;
+  c.stream.id = c.id;
   c.stream.mode = kShareModeShared;
   c.stream.format = format;
   c.stream.periodFrames = periodFrames;
@@ -290,6 +323,7 @@ HResult CFakeWasapi::Initialize(WClient client, EShareMode mode, uint32_t flags,
   FAKE_CLIENT_CALL(kWasInitialize)
   if (c.initialised) return kAlreadyInitialised;
   SFakeStream stream;
+  stream.id = c.id;
   stream.mode = mode;
   stream.format = format;
   stream.duration = duration;
@@ -373,7 +407,8 @@ HResult CFakeWasapi::GetCurrentPadding(WClient client, uint32_t* frames) {
   (void)endpoint;
   if (!c.initialised) return kAudioNotInitialized;
   const int64_t fixed = fixedPadding.load();
-  if (!paddings_.empty() || fixed >= 0) {
+  const bool queued = !paddings_.empty() && std::this_thread::get_id() == paddingsThread_;
+  if (queued || fixed >= 0) {
     // The engine has played so much that this much is left.
     const uint64_t wanted = fixed >= 0 ? static_cast<uint64_t>(fixed) : paddings_.front();
     const uint64_t left = std::min<uint64_t>(wanted, c.written);

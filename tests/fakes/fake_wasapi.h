@@ -25,6 +25,7 @@ enum EWasapiCall : uint32_t {
   kWasCoInitialize,
   kWasCreateEnumerator,
   kWasList,
+  kWasDefaultEndpoint,
   kWasRegister,
   kWasActivate,
   kWasMixFormat,
@@ -81,6 +82,7 @@ struct SFakeEndpoint {
 
 // One stream that was initialised, as the engine sees it.
 struct SFakeStream {
+  std::u16string id;
   NSWasapi::EShareMode mode = NSWasapi::kShareModeShared;
   NSWasapi::SWaveFormat format;
   uint32_t bufferFrames = 0;
@@ -114,9 +116,15 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   uint64_t Calls(EWasapiCall call) const { return calls_[call].load(); }
   // Tells the family's sink from a thread of the fake's own.
   void NotifyFromAnotherThread();
+  // The system's default endpoint becomes another, and the sink is told from
+  // a thread of the fake's own. Until then the first endpoint not removed is
+  // the default.
+  void SetDefault(const std::u16string& id);
   // The stream of the newest client; what it was initialised with.
   SFakeStream LastStream();
-  // Sets the padding the next GetCurrentPadding calls answer, in order.
+  // Sets the padding the next GetCurrentPadding calls of the calling thread
+  // answer, in order; a stream thread's probes meanwhile are answered as
+  // the engine stands.
   void QueuePaddings(const std::vector<uint32_t>& paddings);
   // The frames asked for by each GetBuffer, in order.
   std::vector<uint32_t> Blocks();
@@ -141,6 +149,8 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   void ReleaseEnumerator(NSWasapi::WEnumerator enumerator) override;
   NSWasapi::HResult ListRenderEndpoints(NSWasapi::WEnumerator enumerator,
                                         std::vector<NSWasapi::SEndpoint>& list) override;
+  NSWasapi::HResult GetDefaultRenderEndpoint(NSWasapi::WEnumerator enumerator,
+                                             std::u16string* id) override;
   NSWasapi::HResult RegisterNotification(NSWasapi::WEnumerator enumerator,
                                          NSWasapi::IEndpointSink* sink,
                                          NSWasapi::WNotification* notification) override;
@@ -200,7 +210,9 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   std::mutex lock_;
   NSWasapi::IEndpointSink* sink_ = nullptr;
   std::set<std::u16string> removed_;
+  std::u16string defaultId_;
   std::deque<uint32_t> paddings_;
+  std::thread::id paddingsThread_;
   std::vector<uint32_t> blocks_;
   std::vector<uint8_t> lastBytes_;
   std::vector<uint8_t> allBytes_;

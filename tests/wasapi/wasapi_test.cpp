@@ -125,6 +125,7 @@ TEST_F(WasapiTest, EachEndpointIsListedSharedAndExclusiveWithItsKeys) {
   fake.endpoints.push_back(second);
   CWasapiFamilyScope scope(fake);
   const std::map<std::u16string, std::u16string> expected = {
+      {u"Ferrand WASAPI Default output", u"Default output"},
       {u"Ferrand WASAPI Shared {0.0.0.00000000}.{fake-endpoint-1}", u"Fake Speakers"},
       {u"Ferrand WASAPI Exclusive {0.0.0.00000000}.{fake-endpoint-1}",
        u"Fake Speakers (exclusive)"},
@@ -168,7 +169,8 @@ TEST_F(WasapiTest, TheFamilyAndItsDriversDoTheirCOMWorkOnAThreadOfTheirOwn) {
       open->CheckAlive();
       ++opened;
     }
-    EXPECT_EQ(opened, 2u);
+    // "Default output", shared and exclusive.
+    EXPECT_EQ(opened, 3u);
     fake.NotifyFromAnotherThread();
     scope.RefreshIfChanged();
     EXPECT_GT(fake.Calls(Fakes::kWasCoInitialize), 0u);
@@ -215,6 +217,70 @@ TEST_F(WasapiTest, AnOpenDriverKeepsItsCOMThreadAfterTheFamilyHasGone) {
   EXPECT_FALSE(fake.CalledOn(std::this_thread::get_id()));
 }
 
+TEST_F(WasapiTest, DefaultOutputFollowsTheSystemsDefaultAndItsPositionsGoOn) {
+  Still();
+  Fakes::SFakeEndpoint second;
+  second.id = u"{0.0.0.00000000}.{second}";
+  second.name = u"Headphones";
+  second.mix = StereoFormat(44100, kSampleFloat32);
+  second.client3 = false;
+  fake.endpoints.push_back(second);
+  CWasapiFamilyScope scope(fake);
+  NSFerrand::CRegisteredDriverList drivers;
+  NSFerrand::GetRegisteredDrivers(drivers);
+  NSFerrand::CRegisteredDriverPtr entry;
+  for (const auto& driver : drivers) {
+    CRegisteredSoundDriverInfo info;
+    driver->GetInfo(info);
+    if (info.key == u"Ferrand WASAPI Default output") entry = driver;
+  }
+  ASSERT_NE(entry, nullptr);
+  std::unique_ptr<NSFerrand::CABCOpenSoundDriver> open(entry->OpenWithDefaults(&renderer, nullptr));
+  auto* driver = static_cast<COpenWasapiSoundDriver*>(open.get());
+  EXPECT_EQ(driver->EndpointId(), fake.endpoints[0].id);
+  EXPECT_TRUE(open->TakeSettingsChanged());
+  CSoundDriverSettings before;
+  open->GetSettings(before);
+  EXPECT_EQ(before.sampleRate, 48000u);
+  EXPECT_EQ(before.bufferFrames, 480u);
+  fake.QueuePaddings({0, 480});
+  driver->StreamPump();
+  driver->StreamPump();
+  const uint64_t rendered = driver->FramesRendered();
+  ASSERT_EQ(rendered, 1440u);
+  // Another default: the stream moves at the next look, nothing is lost,
+  // and the rate and size the host has are kept.
+  fake.SetDefault(second.id);
+  EXPECT_NO_THROW(open->CheckAlive());
+  EXPECT_EQ(driver->EndpointId(), second.id);
+  EXPECT_EQ(fake.LastStream().id, second.id);
+  EXPECT_EQ(fake.LastStream().format.samplesPerSecond, 48000u);
+  EXPECT_FALSE(open->TakeSettingsChanged());
+  EXPECT_EQ(fake.LiveClients(), 1);
+  fake.QueuePaddings({0});
+  driver->StreamPump();
+  {
+    std::lock_guard<std::mutex> hold(renderer.mutex);
+    std::vector<uint64_t> expected;
+    for (uint64_t p = 0; p < 1440 + 960; p += 480) expected.push_back(p);
+    EXPECT_EQ(renderer.positions, expected);
+  }
+  // The default's device goes and the system picks the first again.
+  fake.Remove(second.id);
+  driver->StreamPump();
+  EXPECT_TRUE(driver->Failed());
+  fake.SetDefault(u"");
+  EXPECT_NO_THROW(open->CheckAlive());
+  EXPECT_EQ(driver->EndpointId(), fake.endpoints[0].id);
+  EXPECT_FALSE(driver->Failed());
+  // No device at all: now the host hears of the loss.
+  fake.Remove(fake.endpoints[0].id);
+  driver->StreamPump();
+  EXPECT_THROW(open->CheckAlive(), NSMarlet::XNotReady);
+  open.reset();
+  EXPECT_EQ(fake.LiveClients(), 0);
+}
+
 TEST_F(WasapiTest, WithoutAnEngineOrAListTheFamilyListsNothingAndDoesNotFail) {
   fake.engine = false;
   { CWasapiFamilyScope scope(fake); EXPECT_TRUE(Registered().empty()); }
@@ -229,12 +295,12 @@ TEST_F(WasapiTest, WithoutAnEngineOrAListTheFamilyListsNothingAndDoesNotFail) {
 TEST_F(WasapiTest, EndpointChangesAreNotedOnTheirThreadAndRegisteredAtTheRefresh) {
   CWasapiFamilyScope scope(fake);
   NSFerrand::TakeDriverListChanged();
-  EXPECT_EQ(Registered().size(), 2u);
+  EXPECT_EQ(Registered().size(), 3u);
   fake.Remove(fake.endpoints[0].id);
   fake.NotifyFromAnotherThread();
   EXPECT_TRUE(scope.ChangePending());
   // Nothing changed in the registry on the notifying thread.
-  EXPECT_EQ(Registered().size(), 2u);
+  EXPECT_EQ(Registered().size(), 3u);
   EXPECT_FALSE(NSFerrand::TakeDriverListChanged());
   scope.RefreshIfChanged();
   EXPECT_TRUE(Registered().empty());
@@ -507,7 +573,6 @@ TEST_F(WasapiTest, AnExclusiveStreamFillsTheWholeBufferOnEveryEventWhateverThePa
   EXPECT_FALSE(driver->Failed());
   // The silence of the opening, then a whole buffer for each event.
   EXPECT_EQ(fake.Blocks(), (std::vector<uint32_t>{frames, frames, frames}));
-  EXPECT_EQ(fake.Calls(Fakes::kWasPadding), 0u);
   std::lock_guard<std::mutex> hold(renderer.mutex);
   EXPECT_EQ(renderer.positions, (std::vector<uint64_t>{0, frames}));
 }

@@ -35,6 +35,9 @@ class CNoWasapi final : public IWasapiApi {
                                     uint32_t*) override {
     return kHResultNoInterface;
   }
+  HResult GetDefaultRenderEndpoint(WEnumerator, std::u16string*) override {
+    return kAudioServiceNotRunning;
+  }
   HResult GetCurrentSharedModeEnginePeriod(WClient, uint32_t*) override {
     return kHResultNoInterface;
   }

@@ -27,6 +27,7 @@ const PROPERTYKEY kFriendlyName = {
     {0xA45C254E, 0xDF1C, 0x4EFD, {0x80, 0x20, 0x67, 0xD1, 0x46, 0xA8, 0x50, 0xE0}}, 14};
 
 constexpr int kRender = 0;
+constexpr int kConsole = 0;
 constexpr DWORD kStateActive = 1;
 
 // The family's listener: it only passes the news on.
@@ -51,7 +52,10 @@ class CNotificationClient final : public IMMNotificationClientLayout {
   HRESULT STDMETHODCALLTYPE OnDeviceStateChanged(LPCWSTR, DWORD) override { return Tell(); }
   HRESULT STDMETHODCALLTYPE OnDeviceAdded(LPCWSTR) override { return Tell(); }
   HRESULT STDMETHODCALLTYPE OnDeviceRemoved(LPCWSTR) override { return Tell(); }
-  HRESULT STDMETHODCALLTYPE OnDefaultDeviceChanged(int, int, LPCWSTR) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnDefaultDeviceChanged(int flow, int role, LPCWSTR) override {
+    if (flow == kRender && role == kConsole) sink_->OnDefaultEndpointChanged();
+    return S_OK;
+  }
   HRESULT STDMETHODCALLTYPE OnPropertyValueChanged(LPCWSTR, PROPERTYKEY) override { return S_OK; }
 
  private:
@@ -143,6 +147,21 @@ class CSystemWasapi final : public IWasapiApi {
     }
     devices->Release();
     return result;
+  }
+
+  HResult GetDefaultRenderEndpoint(WEnumerator enumerator, std::u16string* id) override {
+    id->clear();
+    IMMDeviceLayout* device = nullptr;
+    HRESULT result = Enumerator(enumerator)->GetDefaultAudioEndpoint(kRender, kConsole, &device);
+    if (FAILED(result) || device == nullptr) return FAILED(result) ? result : E_FAIL;
+    LPWSTR text = nullptr;
+    result = device->GetId(&text);
+    if (SUCCEEDED(result) && text != nullptr) {
+      *id = Text(text);
+      CoTaskMemFree(text);
+    }
+    device->Release();
+    return id->empty() && SUCCEEDED(result) ? E_FAIL : result;
   }
 
   HResult RegisterNotification(WEnumerator enumerator, IEndpointSink* sink,
