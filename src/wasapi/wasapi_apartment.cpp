@@ -138,6 +138,11 @@ void CWasapiApartment::UnregisterNotification(WEnumerator enumerator, WNotificat
   HopQuietly([&] { system_.UnregisterNotification(enumerator, notification); });
 }
 
+HResult CWasapiApartment::GetDeviceFormat(WEnumerator enumerator, const std::u16string& id,
+                                          SWaveFormat* format) {
+  return Hop([&] { return system_.GetDeviceFormat(enumerator, id, format); });
+}
+
 HResult CWasapiApartment::ActivateClient(WEnumerator enumerator, const std::u16string& id,
                                          WClient* client, bool* client3) {
   return Hop([&] { return system_.ActivateClient(enumerator, id, client, client3); });

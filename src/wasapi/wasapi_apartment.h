@@ -39,6 +39,8 @@ class CWasapiApartment final : public IWasapiApi {
   HResult RegisterNotification(WEnumerator enumerator, IEndpointSink* sink,
                                WNotification* notification) override;
   void UnregisterNotification(WEnumerator enumerator, WNotification notification) override;
+  HResult GetDeviceFormat(WEnumerator enumerator, const std::u16string& id,
+                          SWaveFormat* format) override;
   HResult ActivateClient(WEnumerator enumerator, const std::u16string& id, WClient* client,
                          bool* client3) override;
   void ReleaseClient(WClient client) override;

@@ -75,17 +75,22 @@ struct SWaveFormat {
 #pragma pack(pop)
 static_assert(sizeof(SWaveFormat) == 40, "WAVEFORMATEXTENSIBLE layout");
 
-// The sample formats the family plays.
+// The sample formats the family plays, in the order an exclusive trial
+// tries them.
 enum ESampleFormat : uint32_t {
   kSampleFloat32,
   kSampleInt32,
   kSampleInt24In32,
+  kSampleInt24Packed,
   kSampleInt16,
   kSampleFormatCount
 };
 
 // Stereo at a rate in one of the sample formats.
 SWaveFormat StereoFormat(uint32_t sampleRate, ESampleFormat sample);
+// The same with the channels and speaker mask of a device.
+SWaveFormat DeviceShapedFormat(uint32_t sampleRate, ESampleFormat sample, uint16_t channels,
+                               uint32_t channelMask);
 // Which of the four a record is; false for any other.
 bool SampleFormatOf(const SWaveFormat& format, ESampleFormat& sample);
 
@@ -127,6 +132,9 @@ class IWasapiApi {
                                        WNotification* notification) = 0;
   virtual void UnregisterNotification(WEnumerator enumerator, WNotification notification) = 0;
 
+  // The format the endpoint's device runs at, as the engine keeps it.
+  virtual HResult GetDeviceFormat(WEnumerator enumerator, const std::u16string& id,
+                                  SWaveFormat* format) = 0;
   // The audio client of an endpoint by its id; `client3` tells whether it
   // has the low-latency shared operations.
   virtual HResult ActivateClient(WEnumerator enumerator, const std::u16string& id,

@@ -124,6 +124,18 @@ void InterleaveInto(const float* const* channels, uint32_t channelCount, uint32_
       continue;
     }
     NSFerrand::FloatToInt32(source, staging, count);
+    if (format == kSampleInt24Packed) {
+      // The top three bytes of each, least significant first.
+      uint8_t* out = destination + 3 * c;
+      for (uint32_t f = 0; f < frames; ++f) {
+        const uint32_t value = static_cast<uint32_t>(staging[f]);
+        uint8_t* sample = out + static_cast<size_t>(f) * 3 * channelCount;
+        sample[0] = static_cast<uint8_t>(value >> 8);
+        sample[1] = static_cast<uint8_t>(value >> 16);
+        sample[2] = static_cast<uint8_t>(value >> 24);
+      }
+      continue;
+    }
     // 24 valid bits sit at the top of their 32: the low byte is zero.
     const int32_t mask = format == kSampleInt24In32 ? ~0xFF : ~0;
     int32_t* out = reinterpret_cast<int32_t*>(destination);
@@ -181,16 +193,38 @@ void COpenWasapiSoundDriver::Reactivate() {
 }
 
 void COpenWasapiSoundDriver::FindExclusiveFormats() {
+  // The device's own format, where the engine tells it, is tried first, and
+  // its channels and speakers shape the trials at the other rates.
+  SWaveFormat device;
+  ESampleFormat deviceSample = kSampleFloat32;
+  const bool known = api_.GetDeviceFormat(enumerator_, endpointId_, &device) >= 0 &&
+                     SampleFormatOf(device, deviceSample) && device.channels != 0 &&
+                     device.channels <= kWasapiMaxChannels;
+  const uint16_t channels = known ? device.channels : 2;
+  const uint32_t mask =
+      known && device.formatTag == kFormatTagExtensible ? device.channelMask : (channels == 2 ? 3 : 0);
   Activate();
+  if (known && api_.IsFormatSupported(client_, kShareModeExclusive, device) == kHResultOk) {
+    rates_.push_back(device.samplesPerSecond);
+    rateFormats_.push_back(device);
+  }
   for (uint32_t rate : kOfferedRates) {
+    if (std::find(rates_.begin(), rates_.end(), rate) != rates_.end()) continue;
     for (uint32_t f = 0; f < kSampleFormatCount; ++f) {
-      const ESampleFormat sample = static_cast<ESampleFormat>(f);
-      if (api_.IsFormatSupported(client_, kShareModeExclusive, StereoFormat(rate, sample)) ==
-          kHResultOk) {
+      const SWaveFormat trial =
+          DeviceShapedFormat(rate, static_cast<ESampleFormat>(f), channels, mask);
+      if (api_.IsFormatSupported(client_, kShareModeExclusive, trial) == kHResultOk) {
         rates_.push_back(rate);
-        rateFormats_.push_back(sample);
+        rateFormats_.push_back(trial);
         break;
       }
+    }
+  }
+  // In order of rate, each with its format.
+  for (size_t i = 1; i < rates_.size(); ++i) {
+    for (size_t j = i; j > 0 && rates_[j - 1] > rates_[j]; --j) {
+      std::swap(rates_[j - 1], rates_[j]);
+      std::swap(rateFormats_[j - 1], rateFormats_[j]);
     }
   }
   api_.ReleaseClient(client_);
@@ -306,8 +340,9 @@ void COpenWasapiSoundDriver::OpenExclusive(uint32_t sampleRate, uint32_t frames)
   sampleRate_ = NSFerrand::FindNearestValue(rates_, sampleRate != 0 ? sampleRate : kDefaultRate);
   const size_t chosen =
       static_cast<size_t>(std::find(rates_.begin(), rates_.end(), sampleRate_) - rates_.begin());
-  sample_ = rateFormats_[chosen];
-  channels_ = 2;
+  const SWaveFormat format = rateFormats_[chosen];
+  if (!SampleFormatOf(format, sample_)) RaiseCannotOpen();
+  channels_ = format.channels;
   Activate();
   int64_t defaultPeriod = 0;
   int64_t minimumPeriod = 0;
@@ -323,8 +358,7 @@ void COpenWasapiSoundDriver::OpenExclusive(uint32_t sampleRate, uint32_t frames)
   if (defaultFrames <= kWasapiMaxBlockFrames) OfferSize(sizes_, defaultFrames);
   defaultFrames_ = defaultFrames;
   const uint32_t size = NearestSize(sizes_, frames != 0 ? frames : defaultFrames);
-  ThrowOnWasapiResult(InitialiseExclusive(StereoFormat(sampleRate_, sample_), size,
-                                          minimumPeriod, defaultPeriod));
+  ThrowOnWasapiResult(InitialiseExclusive(format, size, minimumPeriod, defaultPeriod));
   ThrowOnWasapiResult(api_.GetBufferSize(client_, &engineFrames_));
   blockFrames_ = engineFrames_;
   // The size the device settled on is one the host may ask for again.

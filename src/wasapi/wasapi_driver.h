@@ -131,7 +131,7 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   uint64_t clockFrequency_ = 0;
   // The exclusive trial: the rates that play, each with its first format.
   std::vector<uint32_t> rates_;
-  std::vector<ESampleFormat> rateFormats_;
+  std::vector<SWaveFormat> rateFormats_;
   std::vector<uint32_t> sizes_;
   uint32_t sampleRate_ = 0;
   // The shared engine's default period, when it tells one; the periods its

@@ -36,17 +36,24 @@ struct SSampleShape {
   bool isFloat;
 };
 constexpr SSampleShape kShapes[kSampleFormatCount] = {
-    {32, 32, true}, {32, 32, false}, {32, 24, false}, {16, 16, false}};
+    {32, 32, true}, {32, 32, false}, {32, 24, false}, {24, 24, false}, {16, 16, false}};
 
 }  // namespace
 
 SWaveFormat StereoFormat(uint32_t sampleRate, ESampleFormat sample) {
+  return DeviceShapedFormat(sampleRate, sample, 2, 3);
+}
+
+SWaveFormat DeviceShapedFormat(uint32_t sampleRate, ESampleFormat sample, uint16_t channels,
+                               uint32_t channelMask) {
   const SSampleShape& shape = kShapes[sample];
   SWaveFormat format;
+  format.channels = channels;
+  format.channelMask = channelMask;
   format.samplesPerSecond = sampleRate;
   format.bitsPerSample = shape.container;
   format.validBitsPerSample = shape.valid;
-  format.blockAlign = static_cast<uint16_t>(2 * shape.container / 8);
+  format.blockAlign = static_cast<uint16_t>(channels * shape.container / 8);
   format.averageBytesPerSecond = sampleRate * format.blockAlign;
   format.subFormat = shape.isFloat ? kSubFormatFloat : kSubFormatPcm;
   return format;

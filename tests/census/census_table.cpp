@@ -188,6 +188,7 @@ void Build() {
   Wasapi("ListRenderEndpoints", Fakes::kWasList);
   Wasapi("GetDefaultRenderEndpoint", Fakes::kWasDefaultEndpoint, u"Default output");
   Wasapi("RegisterNotification", Fakes::kWasRegister);
+  Wasapi("GetDeviceFormat", Fakes::kWasDeviceFormat, u"Fake Speakers (exclusive)");
   Wasapi("ActivateClient", Fakes::kWasActivate);
   Wasapi("GetMixFormat", Fakes::kWasMixFormat);
   Wasapi("GetDevicePeriod", Fakes::kWasDevicePeriod, u"Fake Speakers (exclusive)");

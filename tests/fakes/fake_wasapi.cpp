@@ -311,11 +311,25 @@ HResult CFakeWasapi::IsFormatSupported(WClient client, EShareMode mode, const SW
   FAKE_CLIENT_CALL(kWasIsFormatSupported)
   (void)c;
   if (mode == kShareModeShared) return SameFormat(format, endpoint->mix) ? kHResultOk : kHResultFalse;
+  return TakesExclusively(*endpoint, format) ? kHResultOk : kAudioUnsupportedFormat;
+}
+
+bool CFakeWasapi::TakesExclusively(const SFakeEndpoint& endpoint, const SWaveFormat& format) {
+  if (endpoint.tellsDeviceFormat && SameFormat(format, endpoint.deviceFormat)) return true;
   ESampleFormat sample = kSampleFloat32;
-  if (!SampleFormatOf(format, sample) || format.channels != 2) return kAudioUnsupportedFormat;
-  return endpoint->exclusive.count({format.samplesPerSecond, sample}) != 0
-             ? kHResultOk
-             : kAudioUnsupportedFormat;
+  return SampleFormatOf(format, sample) && format.channels == endpoint.deviceChannels &&
+         endpoint.exclusive.count({format.samplesPerSecond, sample}) != 0;
+}
+
+HResult CFakeWasapi::GetDeviceFormat(WEnumerator, const std::u16string& id, SWaveFormat* format) {
+  HResult result = kHResultOk;
+  if (Failing(kWasDeviceFormat, result)) return result;
+  std::lock_guard<std::mutex> hold(lock_);
+  const SFakeEndpoint* endpoint = Find(id);
+  if (endpoint == nullptr) return kHResultNotFound;
+  if (!endpoint->tellsDeviceFormat) return kHResultNotFound;
+  *format = endpoint->deviceFormat;
+  return kHResultOk;
 }
 
 HResult CFakeWasapi::Initialize(WClient client, EShareMode mode, uint32_t flags, int64_t duration,
@@ -344,11 +358,7 @@ HResult CFakeWasapi::Initialize(WClient client, EShareMode mode, uint32_t flags,
     stream.bufferFrames = 2 * stream.periodFrames;
   } else {
     if (endpoint->inUse) return kAudioDeviceInUse;
-    ESampleFormat sample = kSampleFloat32;
-    if (!SampleFormatOf(format, sample) ||
-        endpoint->exclusive.count({format.samplesPerSecond, sample}) == 0) {
-      return kAudioUnsupportedFormat;
-    }
+    if (!TakesExclusively(*endpoint, format)) return kAudioUnsupportedFormat;
     // Event-driven exclusive streams give the same duration and period.
     if (duration != periodicity) return kInvalidArgument;
     if (periodicity < endpoint->minimumPeriod) return kAudioInvalidDevicePeriod;

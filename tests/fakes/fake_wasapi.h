@@ -27,6 +27,7 @@ enum EWasapiCall : uint32_t {
   kWasList,
   kWasDefaultEndpoint,
   kWasRegister,
+  kWasDeviceFormat,
   kWasActivate,
   kWasMixFormat,
   kWasDevicePeriod,
@@ -65,6 +66,11 @@ struct SFakeEndpoint {
   // The device periods, in 100 ns.
   int64_t defaultPeriod = 100000;
   int64_t minimumPeriod = 30000;
+  // The device's own format, told where `tellsDeviceFormat`, taken
+  // exclusively as it is; the channels of every other exclusive format.
+  bool tellsDeviceFormat = false;
+  NSWasapi::SWaveFormat deviceFormat = NSWasapi::StereoFormat(48000, NSWasapi::kSampleInt24In32);
+  uint16_t deviceChannels = 2;
   // Exclusive: the formats taken, as rate and sample format.
   std::set<std::pair<uint32_t, NSWasapi::ESampleFormat>> exclusive = {
       {48000, NSWasapi::kSampleInt24In32}, {96000, NSWasapi::kSampleInt24In32},
@@ -156,6 +162,8 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
                                          NSWasapi::WNotification* notification) override;
   void UnregisterNotification(NSWasapi::WEnumerator enumerator,
                               NSWasapi::WNotification notification) override;
+  NSWasapi::HResult GetDeviceFormat(NSWasapi::WEnumerator enumerator, const std::u16string& id,
+                                    NSWasapi::SWaveFormat* format) override;
   NSWasapi::HResult ActivateClient(NSWasapi::WEnumerator enumerator, const std::u16string& id,
                                    NSWasapi::WClient* client, bool* client3) override;
   void ReleaseClient(NSWasapi::WClient client) override;
@@ -201,6 +209,7 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
 
  private:
   bool Failing(EWasapiCall call, NSWasapi::HResult& result);
+  static bool TakesExclusively(const SFakeEndpoint& endpoint, const NSWasapi::SWaveFormat& format);
   SFakeEndpoint* Find(const std::u16string& id);
   // Frames still queued at this moment.
   uint32_t PaddingNow(SClient& client);

@@ -420,8 +420,8 @@ TEST_F(WasapiTest, ExclusiveRatesAndFormatsAreFoundByTrial) {
   NSFerrand::COpenSoundDriverInfo info;
   driver->GetDriverInfo(info);
   EXPECT_EQ(info.sampleRates, (std::vector<uint32_t>{44100, 48000, 96000}));
-  // 44100: four tries; 48000: three; 88200: four; 96000: three; 192000: four.
-  EXPECT_EQ(fake.Calls(Fakes::kWasIsFormatSupported), 18u);
+  // 44100: five tries; 48000: three; 88200: five; 96000: three; 192000: five.
+  EXPECT_EQ(fake.Calls(Fakes::kWasIsFormatSupported), 21u);
   EXPECT_EQ(driver->SampleFormat(), kSampleInt24In32);
   const Fakes::SFakeStream stream = fake.LastStream();
   EXPECT_EQ(stream.mode, kShareModeExclusive);
@@ -441,7 +441,8 @@ TEST_F(WasapiTest, EachExclusiveFormatGetsTheKernelsBytes) {
   Still();
   const struct {
     ESampleFormat format;
-  } cases[] = {{kSampleFloat32}, {kSampleInt32}, {kSampleInt24In32}, {kSampleInt16}};
+  } cases[] = {{kSampleFloat32}, {kSampleInt32}, {kSampleInt24In32}, {kSampleInt24Packed},
+               {kSampleInt16}};
   for (const auto& c : cases) {
     fake.endpoints[0].exclusive = {{48000, c.format}};
     auto driver = Open(kShareModeExclusive);
@@ -463,6 +464,14 @@ TEST_F(WasapiTest, EachExclusiveFormatGetsTheKernelsBytes) {
           NSFerrand::FloatToInt16(sample, &value, 1);
           std::memcpy(unit, &value, 2);
           size = 2;
+        } else if (c.format == kSampleInt24Packed) {
+          int32_t value = 0;
+          NSFerrand::FloatToInt32(sample, &value, 1);
+          const uint32_t bits = static_cast<uint32_t>(value);
+          unit[0] = static_cast<uint8_t>(bits >> 8);
+          unit[1] = static_cast<uint8_t>(bits >> 16);
+          unit[2] = static_cast<uint8_t>(bits >> 24);
+          size = 3;
         } else {
           int32_t value = 0;
           NSFerrand::FloatToInt32(sample, &value, 1);
@@ -474,6 +483,41 @@ TEST_F(WasapiTest, EachExclusiveFormatGetsTheKernelsBytes) {
     }
     EXPECT_EQ(bytes, expected) << c.format;
   }
+}
+
+TEST_F(WasapiTest, TheDevicesOwnFormatIsTriedFirstAndShapesTheOtherTrials) {
+  Still();
+  // Six channels at 44100 in packed 24-bit; at 96000 the same shape takes
+  // 16-bit.
+  Fakes::SFakeEndpoint& device = fake.endpoints[0];
+  device.tellsDeviceFormat = true;
+  device.deviceFormat = DeviceShapedFormat(44100, kSampleInt24Packed, 6, 0x3F);
+  device.deviceChannels = 6;
+  device.exclusive = {{96000, kSampleInt16}};
+  const CSoundDriverSettings wanted = Settings(44100, 0);
+  auto driver = Open(kShareModeExclusive, &wanted);
+  NSFerrand::COpenSoundDriverInfo info;
+  driver->GetDriverInfo(info);
+  EXPECT_EQ(info.sampleRates, (std::vector<uint32_t>{44100, 96000}));
+  EXPECT_EQ(driver->SampleFormat(), kSampleInt24Packed);
+  EXPECT_EQ(driver->Channels(), 6u);
+  Fakes::SFakeStream stream = fake.LastStream();
+  EXPECT_EQ(std::memcmp(&stream.format, &device.deviceFormat, sizeof stream.format), 0);
+  CSoundDriverSettings kept;
+  driver->GetSettings(kept);
+  EXPECT_EQ(kept.outputPairs.Count(), 3u);
+  EXPECT_EQ(info.outputNames.size(), 6u);
+  driver->StreamPump();
+  EXPECT_EQ(renderer.outputCount.load(), 6u);
+  EXPECT_EQ(fake.LastBytes().size(), size_t{driver->BufferFrames()} * 18);
+  // The other rate in the device's shape.
+  driver->ApplySettings(Settings(96000, 0));
+  stream = fake.LastStream();
+  EXPECT_EQ(stream.format.samplesPerSecond, 96000u);
+  EXPECT_EQ(stream.format.channels, 6);
+  EXPECT_EQ(stream.format.channelMask, 0x3Fu);
+  EXPECT_EQ(stream.format.bitsPerSample, 16);
+  EXPECT_EQ(driver->SampleFormat(), kSampleInt16);
 }
 
 TEST_F(WasapiTest, AnUnalignedExclusivePeriodIsAskedForAgainAligned) {
@@ -771,7 +815,8 @@ TEST_F(WasapiTest, AFailureAtEachStepOfTheOpeningReleasesEverything) {
       Fakes::kWasCoInitialize, Fakes::kWasCreateEnumerator, Fakes::kWasActivate,
       Fakes::kWasMixFormat,    Fakes::kWasInitialize,       Fakes::kWasBufferSize,
       Fakes::kWasSetEvent,     Fakes::kWasRenderClient,     Fakes::kWasStart,
-      Fakes::kWasGetBuffer,    Fakes::kWasReleaseBuffer,    Fakes::kWasDevicePeriod};
+      Fakes::kWasGetBuffer,    Fakes::kWasReleaseBuffer,    Fakes::kWasDevicePeriod,
+      Fakes::kWasDeviceFormat, Fakes::kWasDefaultEndpoint};
   for (EShareMode mode : {kShareModeShared, kShareModeExclusive}) {
     for (Fakes::EWasapiCall step : steps) {
       fake.Fail(step, kHResultFail, 1);

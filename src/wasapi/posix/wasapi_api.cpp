@@ -35,6 +35,9 @@ class CNoWasapi final : public IWasapiApi {
                                     uint32_t*) override {
     return kHResultNoInterface;
   }
+  HResult GetDeviceFormat(WEnumerator, const std::u16string&, SWaveFormat*) override {
+    return kAudioServiceNotRunning;
+  }
   HResult GetDefaultRenderEndpoint(WEnumerator, std::u16string*) override {
     return kAudioServiceNotRunning;
   }

@@ -25,6 +25,8 @@ const GUID kIidUnknown = {0x00000000, 0x0000, 0x0000,
                           {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
 const PROPERTYKEY kFriendlyName = {
     {0xA45C254E, 0xDF1C, 0x4EFD, {0x80, 0x20, 0x67, 0xD1, 0x46, 0xA8, 0x50, 0xE0}}, 14};
+const PROPERTYKEY kDeviceFormat = {
+    {0xF19F064D, 0x082C, 0x4E27, {0xBC, 0x73, 0x68, 0x82, 0xA1, 0xBB, 0x8E, 0x4C}}, 0};
 
 constexpr int kRender = 0;
 constexpr int kConsole = 0;
@@ -181,6 +183,35 @@ class CSystemWasapi final : public IWasapiApi {
     auto* client = static_cast<CNotificationClient*>(notification);
     Enumerator(enumerator)->UnregisterEndpointNotificationCallback(client);
     client->Release();
+  }
+
+  HResult GetDeviceFormat(WEnumerator enumerator, const std::u16string& id,
+                          SWaveFormat* format) override {
+    IMMDeviceLayout* device = nullptr;
+    HRESULT result =
+        Enumerator(enumerator)->GetDevice(reinterpret_cast<LPCWSTR>(id.c_str()), &device);
+    if (FAILED(result) || device == nullptr) return FAILED(result) ? result : E_FAIL;
+    IPropertyStoreLayout* store = nullptr;
+    result = device->OpenPropertyStore(STGM_READ, &store);
+    device->Release();
+    if (FAILED(result) || store == nullptr) return FAILED(result) ? result : E_FAIL;
+    PROPVARIANT value;
+    PropVariantInit(&value);
+    result = store->GetValue(kDeviceFormat, &value);
+    // A wave format record in a blob; anything shorter is no format.
+    if (SUCCEEDED(result)) {
+      if (value.vt == VT_BLOB && value.blob.pBlobData != nullptr &&
+          value.blob.cbSize >= sizeof(WAVEFORMATEX) &&
+          value.blob.cbSize >= sizeof(WAVEFORMATEX) +
+                                   reinterpret_cast<const WAVEFORMATEX*>(value.blob.pBlobData)->cbSize) {
+        CopyFormat(value.blob.pBlobData, format);
+      } else {
+        result = E_FAIL;
+      }
+    }
+    PropVariantClear(&value);
+    store->Release();
+    return result;
   }
 
   HResult ActivateClient(WEnumerator enumerator, const std::u16string& id, WClient* client,
