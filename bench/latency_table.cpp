@@ -87,13 +87,14 @@ SResult Try(IQuillon* library, const IDriverSpec* spec, uint32_t frames) {
   client->GetClientSettings(&settings);
   result.frames = settings.bufferFrames;
   result.rate = settings.sampleRate;
-  client->GetOutputLatency(&result.latencyUs);
   Idle(client.get(), 1.0);
   host.counting = true;
   const auto start = std::chrono::steady_clock::now();
   Idle(client.get(), kSeconds);
   const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   host.counting = false;
+  // After playing: where the engine has a clock, what the stream showed.
+  client->GetOutputLatency(&result.latencyUs);
   result.pace = static_cast<double>(host.rendered.load()) / wall / result.rate;
   result.gapMs = host.longestGapUs.load() / 1000.0;
   const double blockMs = 1000.0 * result.frames / result.rate;

@@ -441,6 +441,7 @@ void COpenWasapiSoundDriver::StartStream() {
   }
   framesWritten_ = 0;
   framesRendered_ = 0;
+  aheadFrames_ = 0;
   prerollFrames_ = 0;
   // An exclusive buffer starts out silent, so that its first period plays
   // nothing stale; the host's first frame follows that silence.
@@ -561,6 +562,7 @@ void COpenWasapiSoundDriver::StreamPump() {
     const uint64_t at = first + prerollFrames_;
     const uint64_t ahead = at > played ? at - played : 0;
     const uint64_t when = systemTime != 0 ? systemTime + ahead * 1000000000ull / sampleRate_ : 0;
+    if (systemTime != 0) NoteAhead(ahead);
     uint8_t* data = nullptr;
     if (stream_.GetBuffer(render_, blockFrames_, &data) < 0 || data == nullptr) {
       failed_ = true;
@@ -595,6 +597,7 @@ bool COpenWasapiSoundDriver::RenderBlock(uint64_t played, uint64_t systemTime) {
   const uint64_t at = first + prerollFrames_;
   const uint64_t ahead = at > played ? at - played : 0;
   const uint64_t when = systemTime != 0 ? systemTime + ahead * 1000000000ull / sampleRate_ : 0;
+  if (systemTime != 0) NoteAhead(ahead);
   try {
     renderer_->Render(blockFrames_, inputs_, outputs_, 0, 0, when, HostPosition(first));
   } catch (...) {
@@ -688,6 +691,10 @@ NSFerrand::COpenSoundDriverInfo& COpenWasapiSoundDriver::GetDriverInfo(
 }
 
 int64_t COpenWasapiSoundDriver::GetOutputLatency() {
+  // Where the engine has a clock, what the stream showed: the most frames
+  // a rendered block waited behind the clock's position.
+  const uint32_t measured = aheadFrames_.load();
+  if (measured != 0) return NSFerrand::LatencyMicroseconds(measured, sampleRate_);
   int64_t latency = 0;
   // What the carry holds waits up to a block longer.
   const uint32_t carried = carry_.empty() ? 0 : blockFrames_;

@@ -108,6 +108,10 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   // when that is another, or when the stream failed with its device.
   void FollowDefault();
   uint64_t HostPosition(uint64_t streamFrame) const { return streamOrigin_ + streamFrame; }
+  void NoteAhead(uint64_t ahead) {
+    const uint32_t frames = ahead > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(ahead);
+    if (frames > aheadFrames_.load(std::memory_order_relaxed)) aheadFrames_ = frames;
+  }
 
   const CWasapiRegisteredSoundDriver& registered_;
   // The control calls' thread stays while the driver is open.
@@ -152,6 +156,8 @@ class COpenWasapiSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   // the difference.
   std::atomic<uint64_t> framesWritten_{0};
   std::atomic<uint64_t> framesRendered_{0};
+  // The most frames a block waited behind the clock's position.
+  std::atomic<uint32_t> aheadFrames_{0};
   std::vector<float*> carry_;
   uint32_t carried_ = 0;
   uint32_t carryCapacity_ = 0;

@@ -393,10 +393,9 @@ TEST_F(WasapiTest, BlocksThatDoNotDivideThePeriodGoThroughTheCarryWithoutALostFr
     std::memcpy(&left, bytes.data() + f * 8, 4);
     ASSERT_EQ(left, static_cast<float>(f)) << f;
   }
-  // The carry adds up to a block of latency, and says so.
-  const int64_t expected =
-      NSFerrand::LatencyMicroseconds(960 + 256, 48000) + 3000;
-  EXPECT_EQ(driver->GetOutputLatency(), expected);
+  // The latency counts what waits in the carry: the last block rendered,
+  // at 2048, waited behind the clock's 1200.
+  EXPECT_EQ(driver->GetOutputLatency(), NSFerrand::LatencyMicroseconds(848, 48000));
 }
 
 TEST_F(WasapiTest, AnEngineWithoutTheLowLatencyOperationsUsesItsDefaultPeriod) {
@@ -763,6 +762,28 @@ TEST_F(WasapiTest, ThePumpFillsExactlyTheRoomInWholeBlocks) {
   std::lock_guard<std::mutex> hold(renderer.mutex);
   EXPECT_EQ(renderer.positions, (std::vector<uint64_t>{0, 128, 256, 384}));
   EXPECT_EQ(renderer.inputCount.load(), 0u);
+}
+
+TEST_F(WasapiTest, TheOutputLatencyIsWhatTheClockShowsWhereTheEngineHasOne) {
+  Still();
+  const CSoundDriverSettings wanted = Settings(48000, 128);
+  auto driver = Open(kShareModeShared, &wanted);
+  ASSERT_EQ(driver->BufferFrames(), 256u);
+  // Before a block was written: the engine's buffer and the stream's own
+  // latency, 3 ms.
+  EXPECT_EQ(driver->GetOutputLatency(), NSFerrand::LatencyMicroseconds(256, 48000) + 3000);
+  // The clock stands at the start while two blocks go in, then one more
+  // when it has played one: a block waited at most one block behind it.
+  fake.QueuePaddings({0, 128});
+  driver->StreamPump();
+  driver->StreamPump();
+  EXPECT_EQ(driver->GetOutputLatency(), NSFerrand::LatencyMicroseconds(128, 48000));
+  // Without a clock, the buffer and the stream's latency again.
+  fake.Fail(Fakes::kWasClock, kHResultFail, 1);
+  auto clockless = Open(kShareModeShared, &wanted);
+  fake.QueuePaddings({0});
+  clockless->StreamPump();
+  EXPECT_EQ(clockless->GetOutputLatency(), NSFerrand::LatencyMicroseconds(256, 48000) + 3000);
 }
 
 TEST_F(WasapiTest, ARemovedEndpointFailsTheDriverForGood) {
