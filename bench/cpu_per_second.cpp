@@ -3,22 +3,18 @@
 // client, measured just before, is taken off. Run under Wine, in a session
 // of scripts/wine-session.sh:
 //   scripts/wine-run.sh build/windows/bin/quillon_cpu_per_second.exe [device] [frames]
-#if defined(_WIN32)
-#include <windows.h>
-#endif
-
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "platform/clock.h"
-#include "quillon/quillon_util.h"
+#include "wine_host.h"
 
 using namespace NSQuillon2;
+using namespace NSWineHost;
 
 namespace {
 
@@ -45,31 +41,21 @@ class WritingHost final : public IClientHost {
   int lost = 0;
 };
 
-// Idles as a host does for that long; the process time it took.
+// The process time of idling as a host does for that long.
 double IdleFor(IClient* client, double seconds) {
   const double before = NSPlatform::ProcessCpuSeconds();
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < end) {
-    if (client != nullptr) client->Idle();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  IdleAsAHost(client, seconds);
   return NSPlatform::ProcessCpuSeconds() - before;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::u16string device = argc > 1 ? std::u16string(argv[1], argv[1] + std::strlen(argv[1]))
-                                         : std::u16string(u"Out: default");
+  const std::u16string device = DeviceArgument(argc, argv);
   const uint32_t frames = argc > 2 ? static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10)) : 512;
-#if defined(_WIN32)
-  const SLibraryParams params = {GetDesktopWindow(), 0};
-#else
-  const SLibraryParams params = {nullptr, 0};
-#endif
-  uint32_t status = 0;
-  TQuillonPtr<IQuillon> library = QuillonOwn(Quillon_Create("IQuillon2", &params, &status));
+  TQuillonPtr<IQuillon> library = CreateLibrary();
   if (!library) return 1;
+  uint32_t status = 0;
   TQuillonPtr<IVector<const IDriverSpec*>> specs = QuillonOwn(library->GetDriverSpecs(&status));
   if (!specs) return 1;
   std::printf("| driver | size | rate | process time per second of audio |\n");
@@ -80,17 +66,9 @@ int main(int argc, char** argv) {
   } drivers[] = {{u"WASAPI", device}, {u"WASAPI", u"Default output"}, {u"DX", device},
                  {u"MME", device}, {u"Off", u"No Sound"}};
   for (const auto& wanted : drivers) {
-    const IDriverSpec* spec = nullptr;
-    for (int64_t i = 0; i < specs->GetSize() && spec == nullptr; ++i) {
-      SDriverSpecKey key;
-      specs->GetData()[i]->GetKeyRecord(&key);
-      if (FieldView(key.family) == wanted.family && FieldView(key.name) == wanted.name) {
-        spec = specs->GetData()[i];
-      }
-    }
-    const std::string family(wanted.family,
-                             wanted.family + std::char_traits<char16_t>::length(wanted.family));
-    const std::string name(wanted.name.begin(), wanted.name.end());
+    const IDriverSpec* spec = FindDriver(specs.get(), wanted.family, wanted.name);
+    const std::string family = Narrow(wanted.family);
+    const std::string name = Narrow(wanted.name);
     if (spec == nullptr) {
       std::printf("| %s %s | not listed | | |\n", family.c_str(), name.c_str());
       continue;

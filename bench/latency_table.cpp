@@ -2,10 +2,6 @@
 // at which it plays 10 s at pace without a gap, and the output latency it
 // then reports. Run under Wine, in a session of scripts/wine-session.sh:
 //   scripts/wine-run.sh build/windows/bin/quillon_latency_table.exe ["Out: default"]
-#if defined(_WIN32)
-#include <windows.h>
-#endif
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -15,9 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "quillon/quillon_util.h"
+#include "wine_host.h"
 
 using namespace NSQuillon2;
+using namespace NSWineHost;
 
 namespace {
 
@@ -52,14 +49,6 @@ class TimingHost final : public IClientHost {
   int lost = 0;
 };
 
-void Idle(IClient* client, double seconds) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < end) {
-    client->Idle();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-}
-
 struct SResult {
   uint32_t frames = 0;
   uint32_t rate = 0;
@@ -87,10 +76,10 @@ SResult Try(IQuillon* library, const IDriverSpec* spec, uint32_t frames) {
   client->GetClientSettings(&settings);
   result.frames = settings.bufferFrames;
   result.rate = settings.sampleRate;
-  Idle(client.get(), 1.0);
+  IdleAsAHost(client.get(), 1.0);
   host.counting = true;
   const auto start = std::chrono::steady_clock::now();
-  Idle(client.get(), kSeconds);
+  IdleAsAHost(client.get(), kSeconds);
   const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   host.counting = false;
   // After playing: where the engine has a clock, what the stream showed.
@@ -106,31 +95,17 @@ SResult Try(IQuillon* library, const IDriverSpec* spec, uint32_t frames) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::u16string device = argc > 1 ? std::u16string(argv[1], argv[1] + std::strlen(argv[1]))
-                                         : std::u16string(u"Out: default");
-  // DirectSound needs a window: this program has none, and the desktop's serves.
-#if defined(_WIN32)
-  const SLibraryParams params = {GetDesktopWindow(), 0};
-#else
-  const SLibraryParams params = {nullptr, 0};
-#endif
-  uint32_t status = 0;
-  TQuillonPtr<IQuillon> library = QuillonOwn(Quillon_Create("IQuillon2", &params, &status));
+  const std::u16string device = DeviceArgument(argc, argv);
+  TQuillonPtr<IQuillon> library = CreateLibrary();
   if (!library) return 1;
+  uint32_t status = 0;
   TQuillonPtr<IVector<const IDriverSpec*>> specs = QuillonOwn(library->GetDriverSpecs(&status));
   if (!specs) return 1;
   std::printf("| family | smallest size at pace | rate | pace | longest gap | output latency |\n");
   std::printf("| --- | --- | --- | --- | --- | --- |\n");
   for (const char16_t* family : {u"MME", u"DX", u"WASAPI"}) {
-    const IDriverSpec* spec = nullptr;
-    for (int64_t i = 0; i < specs->GetSize() && spec == nullptr; ++i) {
-      SDriverSpecKey key;
-      specs->GetData()[i]->GetKeyRecord(&key);
-      if (FieldView(key.family) == family && FieldView(key.name) == device) {
-        spec = specs->GetData()[i];
-      }
-    }
-    std::string name(family, family + std::char_traits<char16_t>::length(family));
+    const IDriverSpec* spec = FindDriver(specs.get(), family, device);
+    const std::string name = Narrow(family);
     if (spec == nullptr) {
       std::printf("| %s | not listed | | | | |\n", name.c_str());
       continue;

@@ -179,15 +179,7 @@ void COpenDirectSoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t frame
     created = api_.CreateSoundBuffer(device_, desc, &secondary_);
   }
   ThrowOnDirectSoundResult(created);
-  for (int c = 0; c < 2; ++c) {
-    float* buffer = NSFerrand::NewAlignedFloats(kDirectSoundRingFrames);
-    try {
-      outputs_.push_back(buffer);
-    } catch (...) {
-      NSFerrand::FreeAlignedFloats(buffer);
-      throw;
-    }
-  }
+  NSFerrand::AddAlignedFloats(outputs_, 2, kDirectSoundRingFrames);
   lastCursor_ = 0;
   framesWritten_ = 0;
   framesPlayed_ = 0;

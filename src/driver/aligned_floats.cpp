@@ -27,4 +27,16 @@ void FreeAlignedFloats(float* buffer) {
 #endif
 }
 
+void AddAlignedFloats(std::vector<float*>& buffers, size_t channels, size_t count) {
+  for (size_t c = 0; c < channels; ++c) {
+    float* buffer = NewAlignedFloats(count);
+    try {
+      buffers.push_back(buffer);
+    } catch (...) {
+      FreeAlignedFloats(buffer);
+      throw;
+    }
+  }
+}
+
 }  // namespace NSFerrand

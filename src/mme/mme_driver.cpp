@@ -87,15 +87,7 @@ void COpenMMESoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFr
   blocksWritten_ = 0;
   underruns_ = 0;
   ThrowOnWaveResult(api_.Pause(waveOut_));
-  for (int c = 0; c < 2; ++c) {
-    float* buffer = NSFerrand::NewAlignedFloats(kMMEMaxFrames);
-    try {
-      outputs_.push_back(buffer);
-    } catch (...) {
-      NSFerrand::FreeAlignedFloats(buffer);
-      throw;
-    }
-  }
+  NSFerrand::AddAlignedFloats(outputs_, 2, kMMEMaxFrames);
   const uint32_t firstFrames = static_cast<uint32_t>(target) * kMMEBlockFrames;
   renderer_->Render(firstFrames, inputs_, outputs_, 0, 0, 0, 0);
   for (int32_t i = 0; i < target; ++i) {

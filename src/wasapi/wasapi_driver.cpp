@@ -412,16 +412,7 @@ void COpenWasapiSoundDriver::StartStream() {
   }
   // Channels come in pairs: an odd last channel has a partner that is
   // rendered and never played.
-  const uint32_t rendered = (channels_ + 1) / 2 * 2;
-  for (uint32_t c = 0; c < rendered; ++c) {
-    float* buffer = NSFerrand::NewAlignedFloats(blockFrames_);
-    try {
-      outputs_.push_back(buffer);
-    } catch (...) {
-      NSFerrand::FreeAlignedFloats(buffer);
-      throw;
-    }
-  }
+  NSFerrand::AddAlignedFloats(outputs_, (channels_ + 1) / 2 * 2, blockFrames_);
   staging_.assign(std::max(blockFrames_, engineFrames_), 0);
   // Blocks that do not divide the engine's period go through the carry,
   // which holds at most a room and a block.
@@ -429,15 +420,7 @@ void COpenWasapiSoundDriver::StartStream() {
   carryCapacity_ = 0;
   if (enginePeriod_ % blockFrames_ != 0) {
     carryCapacity_ = engineFrames_ + blockFrames_;
-    for (uint32_t c = 0; c < channels_; ++c) {
-      float* buffer = NSFerrand::NewAlignedFloats(carryCapacity_);
-      try {
-        carry_.push_back(buffer);
-      } catch (...) {
-        NSFerrand::FreeAlignedFloats(buffer);
-        throw;
-      }
-    }
+    NSFerrand::AddAlignedFloats(carry_, channels_, carryCapacity_);
   }
   framesWritten_ = 0;
   framesRendered_ = 0;

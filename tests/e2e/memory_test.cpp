@@ -41,8 +41,9 @@ TEST(LibraryMemoryTest, EveryAllocationOfTheMakingCanBeRefused) {
   SPlatformProvider provider{&waveOut, &asio, &directSound, nullptr, &engine};
   SetPlatformProvider(&provider);
   const SLibraryParams params = {UsableWindow(), 0};
+  // WASAPI: "Default output", and the endpoint shared and exclusive.
   const std::vector<std::u16string> everything = {u"Off", u"ASIO", u"DX", u"MME", u"WASAPI",
-                                                  u"WASAPI"};
+                                                  u"WASAPI", u"WASAPI"};
   int made = 0;
   int refusedWhole = 0;
   for (uint64_t n = 1;; ++n) {

@@ -205,6 +205,20 @@ class RealWasapiTest : public RealFamilyFixture {
     }
   }
 
+  // A client of that entry, which must start; null after a failed check.
+  IClient* Start(const IDriverSpec* spec) {
+    uint32_t running = 0;
+    uint32_t status = 0;
+    IClient* client = library->CreateClient(&host, nullptr, spec, &running, &status);
+    EXPECT_EQ(status, kStatusOk);
+    EXPECT_EQ(running, 1u);
+    if (client != nullptr && running != 1) {
+      QuillonDestroy(client);
+      return nullptr;
+    }
+    return client;
+  }
+
   const IDriverSpec* defaultOutput = nullptr;
   const IDriverSpec* shared = nullptr;
   TestHost host;
@@ -214,11 +228,8 @@ TEST_F(RealWasapiTest, DefaultOutputPlaysOnTheSystemsDefault) {
   SDriverSpecKey key;
   ASSERT_EQ(defaultOutput->GetKeyRecord(&key), kStatusOk);
   EXPECT_EQ(Text(key.name), u"Default output");
-  uint32_t running = 0;
-  uint32_t status = 0;
-  IClient* client = library->CreateClient(&host, nullptr, defaultOutput, &running, &status);
-  ASSERT_EQ(status, kStatusOk);
-  ASSERT_EQ(running, 1u);
+  IClient* client = Start(defaultOutput);
+  ASSERT_NE(client, nullptr);
   EXPECT_TRUE(WaitFor([&] {
     client->Idle();
     return host.drivenBlocks.load() > 20;
@@ -232,11 +243,8 @@ TEST_F(RealWasapiTest, SharedModePlaysTenSecondsAtTheRateInForce) {
   SDriverSpecKey key;
   ASSERT_EQ(shared->GetKeyRecord(&key), kStatusOk);
   EXPECT_EQ(Text(key.family), u"WASAPI");
-  uint32_t running = 0;
-  uint32_t status = 0;
-  IClient* client = library->CreateClient(&host, nullptr, shared, &running, &status);
-  ASSERT_EQ(status, kStatusOk);
-  ASSERT_EQ(running, 1u);
+  IClient* client = Start(shared);
+  ASSERT_NE(client, nullptr);
   SClientSettings settings;
   ASSERT_EQ(client->GetClientSettings(&settings), kStatusOk);
   // Past the filling of the engine's buffer.

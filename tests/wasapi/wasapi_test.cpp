@@ -106,6 +106,20 @@ class WasapiTest : public StorageTest {
     s.outputPairs.Set(0, true);
     return s;
   }
+  // Sixty blocks from the stream's own thread, one after the other, with
+  // times that never go back, neither allocating nor waiting; then closed.
+  void ExpectPlayedAtPace(std::unique_ptr<COpenWasapiSoundDriver> driver, uint64_t block) {
+    ASSERT_TRUE(WaitFor([&] { return renderer.watch.Watched() >= 60; }));
+    driver.reset();
+    EXPECT_EQ(renderer.watch.Allocations(), 0u);
+    EXPECT_EQ(renderer.watch.BlockingWaits(), 0u);
+    std::lock_guard<std::mutex> hold(renderer.mutex);
+    for (size_t i = 1; i < renderer.positions.size(); ++i) {
+      EXPECT_EQ(renderer.positions[i], renderer.positions[i - 1] + block);
+      EXPECT_GE(renderer.times[i], renderer.times[i - 1]);
+    }
+    EXPECT_EQ(fake.LiveClients(), 0);
+  }
   // The pump alone, as a test drives it.
   void Still() {
     fake.ticking = false;
@@ -885,31 +899,12 @@ TEST_F(WasapiTest, TheCarryPlaysAtPaceNeitherAllocatingNorWaiting) {
   const CSoundDriverSettings wanted = Settings(48000, 256);
   auto driver = Open(kShareModeShared, &wanted);
   ASSERT_EQ(driver->EnginePeriod(), 480u);
-  ASSERT_TRUE(WaitFor([&] { return renderer.watch.Watched() >= 60; }));
-  driver.reset();
-  EXPECT_EQ(renderer.watch.Allocations(), 0u);
-  EXPECT_EQ(renderer.watch.BlockingWaits(), 0u);
-  std::lock_guard<std::mutex> hold(renderer.mutex);
-  for (size_t i = 1; i < renderer.positions.size(); ++i) {
-    EXPECT_EQ(renderer.positions[i], renderer.positions[i - 1] + 256);
-    EXPECT_GE(renderer.times[i], renderer.times[i - 1]);
-  }
-  EXPECT_EQ(fake.LiveClients(), 0);
+  ExpectPlayedAtPace(std::move(driver), 256);
 }
 
 TEST_F(WasapiTest, TheEventThreadPlaysAtPaceWithTimesNeitherAllocatingNorWaiting) {
   const CSoundDriverSettings wanted = Settings(48000, 480);
-  auto driver = Open(kShareModeShared, &wanted);
-  ASSERT_TRUE(WaitFor([&] { return renderer.watch.Watched() >= 60; }));
-  driver.reset();
-  EXPECT_EQ(renderer.watch.Allocations(), 0u);
-  EXPECT_EQ(renderer.watch.BlockingWaits(), 0u);
-  std::lock_guard<std::mutex> hold(renderer.mutex);
-  for (size_t i = 1; i < renderer.positions.size(); ++i) {
-    EXPECT_EQ(renderer.positions[i], renderer.positions[i - 1] + 480);
-    EXPECT_GE(renderer.times[i], renderer.times[i - 1]);
-  }
-  EXPECT_EQ(fake.LiveClients(), 0);
+  ExpectPlayedAtPace(Open(kShareModeShared, &wanted), 480);
 }
 
 }  // namespace
