@@ -46,11 +46,17 @@ void CWasapiApartment::HopQuietly(const Work& work) {
 }
 
 CWasapiApartment::CWasapiApartment(IWasapiApi& system) : system_(system) {
-  request_ = NSPlatform::NewEvent(false, false);
-  answer_ = NSPlatform::NewEvent(false, false);
-  callers_ = NSPlatform::NewMutex(false);
-  if (request_ == nullptr || answer_ == nullptr || callers_ == nullptr) return;
-  thread_ = NSPlatform::StartThread(&Entry, this, 0);
+  // Out of memory here leaves nothing made behind.
+  try {
+    request_ = NSPlatform::NewEvent(false, false);
+    answer_ = NSPlatform::NewEvent(false, false);
+    callers_ = NSPlatform::NewMutex(false);
+    if (request_ == nullptr || answer_ == nullptr || callers_ == nullptr) return;
+    thread_ = NSPlatform::StartThread(&Entry, this, 0);
+  } catch (...) {
+    FreeWaits();
+    throw;
+  }
   if (thread_ == nullptr) return;
   // The thread's first request brings COM up; a thread in another apartment
   // already (never ours) would still be usable.
@@ -66,9 +72,16 @@ CWasapiApartment::~CWasapiApartment() {
     NSPlatform::JoinThread(thread_);
     NSPlatform::ReleaseThread(thread_);
   }
+  FreeWaits();
+}
+
+void CWasapiApartment::FreeWaits() {
   NSPlatform::DestroyMutex(callers_);
   NSPlatform::DestroyEvent(request_);
   NSPlatform::DestroyEvent(answer_);
+  callers_ = nullptr;
+  request_ = nullptr;
+  answer_ = nullptr;
 }
 
 bool CWasapiApartment::Submit(CRequest& request) {

@@ -89,6 +89,7 @@ class CWasapiApartment final : public IWasapiApi {
   // Runs the request on the thread and waits for it; false when the thread
   // is not there.
   bool Submit(CRequest& request);
+  void FreeWaits();
   static void Entry(void* self);
   void Serve();
 
