@@ -38,6 +38,14 @@ std::u16string ChannelName(uint32_t channel) {
   return u"Out " + digits;
 }
 
+// A record whose frame is its channels' samples, side by side: anything
+// else would have the pump write past the engine's buffer.
+bool FramesAreWhole(const SWaveFormat& format) {
+  return format.channels != 0 && format.channels <= kWasapiMaxChannels &&
+         format.bitsPerSample % 8 == 0 &&
+         format.blockAlign == format.channels * (format.bitsPerSample / 8);
+}
+
 [[noreturn]] void RaiseCannotOpen() {
   RaiseFailure(NSMarlet::XOpen(""), NSMarlet::TargetWordAudioDriver());
 }
@@ -198,8 +206,8 @@ void COpenWasapiSoundDriver::FindExclusiveFormats() {
   SWaveFormat device;
   ESampleFormat deviceSample = kSampleFloat32;
   const bool known = api_.GetDeviceFormat(enumerator_, endpointId_, &device) >= 0 &&
-                     SampleFormatOf(device, deviceSample) && device.channels != 0 &&
-                     device.channels <= kWasapiMaxChannels;
+                     SampleFormatOf(device, deviceSample) && FramesAreWhole(device) &&
+                     device.samplesPerSecond != 0;
   const uint16_t channels = known ? device.channels : 2;
   const uint32_t mask =
       known && device.formatTag == kFormatTagExtensible ? device.channelMask : (channels == 2 ? 3 : 0);
@@ -257,7 +265,7 @@ void COpenWasapiSoundDriver::OpenShared(uint32_t sampleRate, uint32_t frames) {
   SWaveFormat mix;
   ThrowOnWasapiResult(api_.GetMixFormat(client_, &mix));
   ESampleFormat sample = kSampleFloat32;
-  if (!SampleFormatOf(mix, sample) || mix.samplesPerSecond == 0 || mix.blockAlign == 0) {
+  if (!SampleFormatOf(mix, sample) || mix.samplesPerSecond == 0 || !FramesAreWhole(mix)) {
     RaiseCannotOpen();
   }
   sample_ = sample;

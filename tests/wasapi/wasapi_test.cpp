@@ -533,6 +533,19 @@ TEST_F(WasapiTest, TheDevicesOwnFormatIsTriedFirstAndShapesTheOtherTrials) {
   EXPECT_EQ(driver->SampleFormat(), kSampleInt16);
 }
 
+TEST_F(WasapiTest, AnEngineFormatWhoseFramesDoNotAddUpIsNeverPlayed) {
+  Still();
+  // A mix format whose frame is shorter than its channels' samples.
+  fake.endpoints[0].mix.blockAlign = 4;
+  EXPECT_THROW(Open(kShareModeShared), NSMarlet::XOpen);
+  EXPECT_EQ(fake.LiveClients(), 0);
+  // A device format of no channels is passed over for the trials.
+  fake.endpoints[0].tellsDeviceFormat = true;
+  fake.endpoints[0].deviceFormat.channels = 0;
+  auto driver = Open(kShareModeExclusive);
+  EXPECT_EQ(driver->Channels(), 2u);
+}
+
 TEST_F(WasapiTest, AnUnalignedExclusivePeriodIsAskedForAgainAligned) {
   Still();
   fake.endpoints[0].alignment = 96;
