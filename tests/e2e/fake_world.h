@@ -88,6 +88,7 @@ class CFakeWorld {
     zepLinesCounted_ = 0;
     box->ForgetLog();
     asio.ForgetComThreads();
+    engine.ForgetThreads();
     directSound.ForgetReleasedDevices();
     host.ForgetEvents();
   }

@@ -64,6 +64,11 @@ bool CFakeWasapi::CalledOn(std::thread::id thread) {
   return threads_.count(thread) != 0;
 }
 
+void CFakeWasapi::ForgetThreads() {
+  std::lock_guard<std::mutex> hold(threadsLock_);
+  std::set<std::thread::id>().swap(threads_);
+}
+
 bool CFakeWasapi::Failing(EWasapiCall call, HResult& result) {
   ++calls_[call];
   switch (call) {

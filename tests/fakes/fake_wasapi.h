@@ -146,6 +146,8 @@ class CFakeWasapi : public NSWasapi::IWasapiApi {
   // Whether any call but those of a stream's own thread (padding, buffers,
   // clock position, events) was made on that thread.
   bool CalledOn(std::thread::id thread);
+  // Forgets the threads seen: long runs measure their memory.
+  void ForgetThreads();
   // Events fired while a stream ran.
   uint64_t EventsFired() const { return eventsFired_.load(); }
 
