@@ -239,6 +239,9 @@ TEST_F(WasapiTest, DefaultOutputFollowsTheSystemsDefaultAndItsPositionsGoOn) {
   second.mix = StereoFormat(44100, kSampleFloat32);
   second.client3 = false;
   fake.endpoints.push_back(second);
+  Fakes::SFakeEndpoint third = second;
+  third.id = u"{0.0.0.00000000}.{third}";
+  fake.endpoints.push_back(third);
   CWasapiFamilyScope scope(fake);
   NSFerrand::CRegisteredDriverList drivers;
   NSFerrand::GetRegisteredDrivers(drivers);
@@ -287,6 +290,16 @@ TEST_F(WasapiTest, DefaultOutputFollowsTheSystemsDefaultAndItsPositionsGoOn) {
   EXPECT_NO_THROW(open->CheckAlive());
   EXPECT_EQ(driver->EndpointId(), fake.endpoints[0].id);
   EXPECT_FALSE(driver->Failed());
+  // A new default that cannot be opened: the host hears of the loss, and
+  // nothing of the stream stays behind.
+  fake.Fail(Fakes::kWasActivate, kHResultFail, 1);
+  fake.SetDefault(third.id);
+  EXPECT_THROW(open->CheckAlive(), NSMarlet::XNotReady);
+  EXPECT_EQ(fake.LiveClients(), 0);
+  // The system goes back to the first: the stream follows it again.
+  fake.SetDefault(fake.endpoints[0].id);
+  EXPECT_NO_THROW(open->CheckAlive());
+  EXPECT_EQ(driver->EndpointId(), fake.endpoints[0].id);
   // No device at all: now the host hears of the loss.
   fake.Remove(fake.endpoints[0].id);
   driver->StreamPump();
