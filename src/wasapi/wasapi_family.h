@@ -49,7 +49,6 @@ class CWasapiRegisteredSoundDriver final : public NSFerrand::CABCRegisteredSound
   NSFerrand::CRegisteredSoundDriverInfo& GetInfo(
       NSFerrand::CRegisteredSoundDriverInfo& info) override;
 
-  IWasapiApi& Api() const { return *control_; }
   IWasapiApi& StreamApi() const { return stream_; }
   const std::shared_ptr<IWasapiApi>& SharedApi() const { return control_; }
   const SEndpoint& Endpoint() const { return endpoint_; }
