@@ -220,12 +220,9 @@ void COpenDirectSoundDriver::WriteSilence() {
 
 void COpenDirectSoundDriver::Run() {
   for (;;) {
-    try {
-      StreamPump();
-    } catch (...) {
-    }
+    const uint32_t waitMs = StreamPump();
     // The opener's release of the stop mutex is the signal to end.
-    switch (stopMutex_->WaitForStop(1)) {
+    switch (stopMutex_->WaitForStop(waitMs)) {
       case NSFerrand::kPumpAgain: continue;
       case NSFerrand::kStopAsked: return;
       case NSFerrand::kWaitBroken: failed_ = true; return;
@@ -233,29 +230,52 @@ void COpenDirectSoundDriver::Run() {
   }
 }
 
-void COpenDirectSoundDriver::StreamPump() {
-  if (failed_) return;
-  try {
-    uint32_t playByte = 0;
-    uint32_t writeByte = 0;
-    ThrowOnDirectSoundResult(api_.GetCurrentPosition(secondary_, &playByte, &writeByte));
-    const int32_t cursor = CursorFrames(playByte);
-    framesPlayed_ = static_cast<int32_t>(static_cast<uint32_t>(framesPlayed_) +
-                                         static_cast<uint32_t>(CursorDelta(cursor, lastCursor_)));
-    lastCursor_ = cursor;
-    int32_t queued = static_cast<int32_t>(static_cast<uint32_t>(framesWritten_.load()) -
-                                          static_cast<uint32_t>(framesPlayed_));
-    if (queued < 0) {
-      ++underruns_;
-      queued = 0;
-    }
-    const int32_t room = WritableRoom(targetLatency_.load(), queued);
-    if (room < minimumWrite_.load()) return;
-    WriteBlock(framesWritten_.load() & (kDirectSoundRingFrames - 1), room);
-  } catch (...) {
-    // For good: the buffer loops what it holds until the driver closes.
+int32_t WriteQuantum(int32_t targetLatency) {
+  return std::max(MinimumWrite(targetLatency),
+                  static_cast<int32_t>(static_cast<uint32_t>(targetLatency / 4) & ~63u));
+}
+
+uint32_t PumpWaitMs(int32_t targetLatency, int32_t queued, uint32_t sampleRate) {
+  const uint32_t rate = std::max(sampleRate, 1u);
+  const int64_t longest =
+      std::max<int64_t>(1, static_cast<int64_t>(targetLatency / 4) * 1000 / rate);
+  const int64_t room = std::max(0, targetLatency - std::max(queued, 0));
+  const int64_t frames = std::max<int64_t>(1, WriteQuantum(targetLatency) - room);
+  const int64_t due = (frames * 1000 + rate - 1) / rate;
+  return static_cast<uint32_t>(std::clamp<int64_t>(due, 1, longest));
+}
+
+// A failure here only sets the flag, for good: the audio thread neither
+// raises nor allocates, and the buffer loops what it holds until the driver
+// closes.
+uint32_t COpenDirectSoundDriver::StreamPump() {
+  const int32_t target = targetLatency_.load();
+  if (failed_) return PumpWaitMs(target, target, sampleRate_);
+  uint32_t playByte = 0;
+  uint32_t writeByte = 0;
+  if (NSFerrand::ComFailed(api_.GetCurrentPosition(secondary_, &playByte, &writeByte))) {
     failed_ = true;
+    return PumpWaitMs(target, target, sampleRate_);
   }
+  const int32_t cursor = CursorFrames(playByte);
+  framesPlayed_ = static_cast<int32_t>(static_cast<uint32_t>(framesPlayed_) +
+                                       static_cast<uint32_t>(CursorDelta(cursor, lastCursor_)));
+  lastCursor_ = cursor;
+  int32_t queued = QueuedFrames();
+  if (queued < 0) {
+    ++underruns_;
+    queued = 0;
+  }
+  const int32_t room = WritableRoom(target, queued);
+  if (room >= minimumWrite_.load()) {
+    WriteBlock(framesWritten_.load() & (kDirectSoundRingFrames - 1), room);
+  }
+  return PumpWaitMs(target, QueuedFrames(), sampleRate_);
+}
+
+int32_t COpenDirectSoundDriver::QueuedFrames() const {
+  return static_cast<int32_t>(static_cast<uint32_t>(framesWritten_.load()) -
+                              static_cast<uint32_t>(framesPlayed_));
 }
 
 void COpenDirectSoundDriver::WriteBlock(int32_t position, int32_t count) {
@@ -263,7 +283,12 @@ void COpenDirectSoundDriver::WriteBlock(int32_t position, int32_t count) {
   framesWritten_ = static_cast<int32_t>(static_cast<uint32_t>(framesWritten_.load()) +
                                         static_cast<uint32_t>(n));
   lastWrite_ = n;
-  renderer_->Render(static_cast<uint32_t>(n), inputs_, outputs_, 0, 0, 0, 0);
+  try {
+    renderer_->Render(static_cast<uint32_t>(n), inputs_, outputs_, 0, 0, 0, 0);
+  } catch (...) {
+    failed_ = true;
+    return;
+  }
   NSFerrand::FloatStereoToInterleaved16(outputs_[0], outputs_[1], staging_, n);
   if (bufferLost_) {
     if (NSFerrand::ComFailed(api_.Restore(secondary_))) {
@@ -290,7 +315,10 @@ void COpenDirectSoundDriver::WriteBlock(int32_t position, int32_t count) {
     }
     locked = api_.Lock(secondary_, offset, bytes, &first, &firstBytes, &second, &secondBytes, 0);
   }
-  ThrowOnDirectSoundResult(locked);
+  if (NSFerrand::ComFailed(locked)) {
+    failed_ = true;
+    return;
+  }
   // The regions never hold more than was asked for; a driver that says so
   // is not believed beyond the staging area.
   const uint32_t firstCopy = std::min(firstBytes, bytes);
@@ -299,7 +327,9 @@ void COpenDirectSoundDriver::WriteBlock(int32_t position, int32_t count) {
   if (second != nullptr && secondCopy >= 4) {
     std::memcpy(second, reinterpret_cast<const uint8_t*>(staging_) + firstCopy, secondCopy);
   }
-  ThrowOnDirectSoundResult(api_.Unlock(secondary_, first, firstBytes, second, secondBytes));
+  if (NSFerrand::ComFailed(api_.Unlock(secondary_, first, firstBytes, second, secondBytes))) {
+    failed_ = true;
+  }
 }
 
 void COpenDirectSoundDriver::CloseStream() {

@@ -1,6 +1,6 @@
 // An open DirectSound driver: one looping secondary buffer of 16384 frames
 // of 16-bit stereo, kept filled to the target latency by a time-critical
-// thread that polls the play cursor every millisecond.
+// thread that sleeps until the play cursor leaves room for its next write.
 #ifndef QUILLON_DIRECTSOUND_DSOUND_DRIVER_H
 #define QUILLON_DIRECTSOUND_DSOUND_DRIVER_H
 
@@ -39,6 +39,13 @@ int32_t MinimumWrite(int32_t targetLatency);
 int32_t CursorFrames(uint32_t bytePosition);
 // Frames the cursor moved, across the wrap of the ring.
 int32_t CursorDelta(int32_t cursor, int32_t lastCursor);
+// The room the pump waits for between writes: a quarter of the target, in
+// steps of 64, at least the minimum write.
+int32_t WriteQuantum(int32_t targetLatency);
+// How long the pump waits with that much queued: until a write quantum of
+// room is due at the rate, at least 1 ms and at most a quarter of the
+// target. A cursor that moves in steps only delays a write by one wait.
+uint32_t PumpWaitMs(int32_t targetLatency, int32_t queued, uint32_t sampleRate);
 
 class COpenDirectSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
                                      private NSFerrand::IThreadFunction {
@@ -65,8 +72,9 @@ class COpenDirectSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   bool Failed() const { return failed_.load(); }
   int32_t FramesWritten() const { return framesWritten_.load(); }
   int32_t LastWrite() const { return lastWrite_.load(); }
-  // One pass of the pump, as the streaming thread makes it.
-  void StreamPump();
+  // One pass of the pump, as the streaming thread makes it; the time to
+  // wait before the next, in milliseconds.
+  uint32_t StreamPump();
 
  private:
   void Run() override;
@@ -77,6 +85,8 @@ class COpenDirectSoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   void CloseStream();
   void WriteSilence();
   void WriteBlock(int32_t position, int32_t count);
+  // Written and not yet played; below 0 when the cursor passed the writing.
+  int32_t QueuedFrames() const;
 
   const CDirectSoundRegisteredSoundDriver& registered_;
   IDirectSoundApi& api_;

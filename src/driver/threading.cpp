@@ -161,8 +161,11 @@ void CTimedThread::Terminate() {
 
 bool CTimedThread::Ended() const { return NSPlatform::ThreadHasEnded(thread_); }
 
-void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex) {
+void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex,
+                         NSPlatform::SEvent* wake) {
   if (stopMutex != nullptr) stopMutex->SignalStop();
+  // Refused, the thread still ends, at the end of its period's wait.
+  if (wake != nullptr) NSPlatform::SetEvent(wake);
   if (thread != nullptr) {
     // A wait the system refuses at once is asked again: only a thread that
     // has had its time is ended by force.

@@ -40,6 +40,10 @@ class CLockableMutex {
   // A streaming thread's wait for its next period (0 ms: a look), which the
   // stop signal ends; a mutex taken for the stop is given back.
   EStopWaitStep WaitForStop(uint32_t milliseconds);
+  // Whether the stop signal was given, read without asking the system: a
+  // thread woken by something else looks here, and takes the mutex through
+  // WaitForStop once this says so.
+  bool StopSignalled() const { return stopSignalled_.load(std::memory_order_acquire); }
   // Raises when the caller is not the owner.
   void Unlock();
 
@@ -104,7 +108,10 @@ constexpr uint32_t kStreamingStopWaitMs = 4000;
 // Gives a streaming thread its stop signal, the release of the mutex that
 // its opener holds; waits for it to end, terminates it when it does not in
 // time, and frees both. Either may be null; both are null afterwards.
-void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex);
+// `wake`: the event the thread waits on for its period, set with the signal
+// so that the thread sees it at once.
+void StopStreamingThread(CTimedThread*& thread, CLockableMutex*& stopMutex,
+                         NSPlatform::SEvent* wake = nullptr);
 
 // What a streaming thread does after its short wait on the stop mutex. A
 // wait that failed would make the loop spin: the thread ends, and its

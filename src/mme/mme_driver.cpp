@@ -11,11 +11,14 @@
 #include "failure/builder.h"
 #include "mme/mme_family.h"
 #include "platform/clock.h"
+#include "platform/mutex.h"
+#include "platform/wait_notice.h"
 
 namespace NSMME {
 
 namespace {
 
+constexpr uint32_t kStopLookMs = 1000;
 
 }  // namespace
 
@@ -64,7 +67,12 @@ void COpenMMESoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFr
   settingsChanged_ = true;
   const int32_t target = TargetBlocks(bufferFrames);
   const SWaveFormat format = Stereo16Format(sampleRate);
-  ThrowOnWaveResult(api_.Open(&waveOut_, registered_.Device(), format, kWaveAllowSync));
+  // The device tells when it is done with a header: the pump waits for
+  // that rather than look at the headers every millisecond.
+  doneEvent_ = NSPlatform::NewEvent(false, false);
+  if (doneEvent_ == nullptr) NSMarlet::RaiseFailure(std::exception());
+  ThrowOnWaveResult(api_.Open(&waveOut_, registered_.Device(), format,
+                              kWaveAllowSync | kWaveCallbackEvent, doneEvent_));
   // Zeroed: a failure halfway through preparing leaves the rest for the
   // closing to read, and stale flags there would hold it in its drain loop.
   headers_ = new SWaveHeader[kMMEHeaderCount]();
@@ -91,11 +99,14 @@ void COpenMMESoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFr
   const uint32_t firstFrames = static_cast<uint32_t>(target) * kMMEBlockFrames;
   renderer_->Render(firstFrames, inputs_, outputs_, 0, 0, 0, 0);
   for (int32_t i = 0; i < target; ++i) {
-    WriteBlock(static_cast<uint32_t>(i), headers_[i]);
+    ThrowOnWaveResult(WriteBlock(static_cast<uint32_t>(i), headers_[i]));
   }
   stopMutex_ = new NSFerrand::CLockableMutex(true);
   sampleRate_ = sampleRate;
-  targetBlocks_ = target;
+  askedBlocks_ = target;
+  deviceBlocks_ = 0;
+  blocksSeenDone_ = 0;
+  paceWatch_.Reset();
   bufferFrames_ = bufferFrames;
   running_ = true;
   // The pump polls before the device starts: its first look at the headers
@@ -106,14 +117,52 @@ void COpenMMESoundDriver::OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFr
   ThrowOnWaveResult(api_.Restart(waveOut_));
 }
 
-void COpenMMESoundDriver::WriteBlock(uint32_t slice, SWaveHeader& header) {
+uint32_t COpenMMESoundDriver::WriteBlock(uint32_t slice, SWaveHeader& header) {
   NSFerrand::FloatStereoToInterleaved16(outputs_[0] + slice * kMMEBlockFrames,
                                         outputs_[1] + slice * kMMEBlockFrames,
                                         reinterpret_cast<int16_t*>(header.data),
                                         static_cast<int32_t>(kMMEBlockFrames));
   ClearHeaderFlag(header, kHeaderDone);
-  ThrowOnWaveResult(api_.Write(waveOut_, &header));
-  ++blocksWritten_;
+  writtenAtMs_[blocksWritten_.load() & (kMMEHeaderCount - 1)] = NSPlatform::MillisecondTicks();
+  const uint32_t result = api_.Write(waveOut_, &header);
+  if (result == kMMSysErrNoError) ++blocksWritten_;
+  return result;
+}
+
+int32_t COpenMMESoundDriver::QueueTarget() const {
+  return std::min(std::max(askedBlocks_.load(), deviceBlocks_.load()),
+                  static_cast<int32_t>(kMMEHeaderCount));
+}
+
+// At the device's pace a header waits, on average, as long as the queue
+// plays; the shortest wait of a run of them cannot exceed that. A run whose
+// shortest wait is longer by an eighth shows a device that holds more than
+// the queue gives it, and plays short.
+bool CDevicePaceWatch::HeaderDone(uint32_t ageMs, int32_t targetBlocks, uint32_t sampleRate) {
+  shortestMs_ = std::min(shortestMs_, ageMs);
+  if (++aged_ < kPaceWindowBlocks) return false;
+  const uint64_t queueMs8 = static_cast<uint64_t>(std::max(targetBlocks, 0)) * kMMEBlockFrames *
+                            1000 * 9 / std::max(sampleRate, 1u);
+  const bool plays = static_cast<uint64_t>(shortestMs_) * 8 > queueMs8;
+  Reset();
+  return plays && targetBlocks < static_cast<int32_t>(kMMEHeaderCount);
+}
+
+void CDevicePaceWatch::Reset() {
+  aged_ = 0;
+  shortestMs_ = UINT32_MAX;
+}
+
+// Headers come back in the order they went.
+void COpenMMESoundDriver::WatchTheDevicesPace(uint32_t queued) {
+  const uint32_t done = blocksWritten_.load() - queued;
+  if (done - blocksSeenDone_ > kMMEHeaderCount) blocksSeenDone_ = done - kMMEHeaderCount;
+  const uint32_t now = NSPlatform::MillisecondTicks();
+  for (; blocksSeenDone_ != done; ++blocksSeenDone_) {
+    const uint32_t age = now - writtenAtMs_[blocksSeenDone_ & (kMMEHeaderCount - 1)];
+    const int32_t target = QueueTarget();
+    if (paceWatch_.HeaderDone(age, target, sampleRate_)) deviceBlocks_ = target + 1;
+  }
 }
 
 uint32_t COpenMMESoundDriver::QueueCount() const {
@@ -125,55 +174,87 @@ uint32_t COpenMMESoundDriver::QueueCount() const {
   return queued;
 }
 
+// A failure here only sets the flag: the audio thread neither raises nor
+// allocates, and the control thread tells the host. The device plays out
+// what it has; nothing more is sent.
 bool COpenMMESoundDriver::StreamPump() {
   if (!running_ || failed_) return false;
   bool wrote = false;
-  try {
-    uint32_t queued = QueueCount();
-    int32_t passTotal = 0;
-    for (;;) {
-      const int32_t target = targetBlocks_.load();
-      if (static_cast<int32_t>(queued) >= target || passTotal >= 2 * target) return wrote;
-      // A closing waits for the Render in progress, not for a second one.
-      if (stopping_.load(std::memory_order_relaxed)) return wrote;
-      const int32_t need = target - static_cast<int32_t>(queued);
+  uint32_t queued = QueueCount();
+  WatchTheDevicesPace(queued);
+  int32_t passTotal = 0;
+  for (;;) {
+    const int32_t target = QueueTarget();
+    if (static_cast<int32_t>(queued) >= target || passTotal >= 2 * target) return wrote;
+    // A closing waits for the Render in progress, not for a second one.
+    if (stopping_.load(std::memory_order_relaxed)) return wrote;
+    const int32_t need = target - static_cast<int32_t>(queued);
+    try {
       renderer_->Render(static_cast<uint32_t>(need) * kMMEBlockFrames, inputs_, outputs_, 0, 0,
                         0, 0);
-      passTotal += need;
-      for (int32_t i = 0; i < need; ++i) {
-        SWaveHeader& header = headers_[blocksWritten_.load() & (kMMEHeaderCount - 1)];
-        if (queued == 0) ++underruns_;
-        WriteBlock(static_cast<uint32_t>(i), header);
-        wrote = true;
-      }
-      queued = QueueCount();
+    } catch (...) {
+      failed_ = true;
+      return wrote;
     }
-  } catch (...) {
-    // The device plays out what it has; nothing more is sent.
-    failed_ = true;
-    return wrote;
+    passTotal += need;
+    for (int32_t i = 0; i < need; ++i) {
+      SWaveHeader& header = headers_[blocksWritten_.load() & (kMMEHeaderCount - 1)];
+      if (queued == 0) ++underruns_;
+      if (WriteBlock(static_cast<uint32_t>(i), header) != kMMSysErrNoError) {
+        failed_ = true;
+        return wrote;
+      }
+      wrote = true;
+    }
+    queued = QueueCount();
   }
 }
 
+uint32_t COpenMMESoundDriver::SafetyWaitMs() const {
+  // A quarter of the queue: a device that fails to tell leaves three
+  // quarters of it to play while the pump looks by itself.
+  const uint64_t frames = static_cast<uint64_t>(QueueTarget()) * kMMEBlockFrames / 4;
+  return static_cast<uint32_t>(std::max<uint64_t>(1, frames * 1000 / std::max(sampleRate_, 1u)));
+}
+
 void COpenMMESoundDriver::Run() {
+  uint32_t lastStopLook = NSPlatform::MillisecondTicks();
   for (;;) {
-    try {
-      StreamPump();
-    } catch (...) {
+    StreamPump();
+    // The stop signal sets the event as well: a wake-up that finds it given
+    // takes the mutex back. Otherwise the mutex itself is asked once a second,
+    // for an owner that died without closing.
+    const uint32_t now = NSPlatform::MillisecondTicks();
+    if (stopMutex_->StopSignalled() || now - lastStopLook >= kStopLookMs) {
+      lastStopLook = now;
+      switch (stopMutex_->WaitForStop(0)) {
+        case kPumpAgain: break;
+        case kStopAsked: return;
+        case kWaitBroken: failed_ = true; return;
+      }
     }
-    // The opener's release of the stop mutex is the signal to end.
-    switch (stopMutex_->WaitForStop(1)) {
-      case kPumpAgain: continue;
-      case kStopAsked: return;
-      case kWaitBroken: failed_ = true; return;
+    NSPlatform::EWaitResult woken;
+    {
+      NSPlatform::CPeriodWait period;
+      woken = NSPlatform::WaitEvent(doneEvent_, SafetyWaitMs());
+    }
+    ++wakes_;
+    // An event that cannot be waited on would make the loop spin.
+    if (woken == NSPlatform::kWaitFailed) {
+      failed_ = true;
+      return;
     }
   }
 }
 
 void COpenMMESoundDriver::CloseStream() {
-  if (waveOut_ == nullptr) return;
+  if (waveOut_ == nullptr) {
+    NSPlatform::DestroyEvent(doneEvent_);
+    doneEvent_ = nullptr;
+    return;
+  }
   stopping_ = true;
-  NSFerrand::StopStreamingThread(thread_, stopMutex_);
+  NSFerrand::StopStreamingThread(thread_, stopMutex_, doneEvent_);
   api_.Reset(waveOut_);
   running_ = false;
   // Headers must not be unprepared while the device still holds one.
@@ -198,6 +279,8 @@ void COpenMMESoundDriver::CloseStream() {
   samples_ = nullptr;
   api_.Close(waveOut_);
   waveOut_ = nullptr;
+  NSPlatform::DestroyEvent(doneEvent_);
+  doneEvent_ = nullptr;
   for (float* buffer : outputs_) NSFerrand::FreeAlignedFloats(buffer);
   for (float* buffer : inputs_) NSFerrand::FreeAlignedFloats(buffer);
   outputs_.clear();
@@ -222,7 +305,7 @@ void COpenMMESoundDriver::ApplySettings(const NSFerrand::CSoundDriverSettings& s
   const uint32_t frames = MMEFramesFor(settings.bufferFrames);
   if (rate == sampleRate_) {
     // The stream goes on without a gap; the pump moves to the new target.
-    targetBlocks_ = TargetBlocks(frames);
+    askedBlocks_ = TargetBlocks(frames);
     bufferFrames_ = frames;
     return;
   }
@@ -254,10 +337,11 @@ NSFerrand::COpenSoundDriverInfo& COpenMMESoundDriver::GetDriverInfo(
   return info;
 }
 
+// The queue as it really is: the asked size in whole blocks, or deeper
+// where the device needed more.
 int64_t COpenMMESoundDriver::GetOutputLatency() {
-  NSFerrand::CSoundDriverSettings settings;
-  GetSettings(settings);
-  return NSFerrand::LatencyMicroseconds(settings.bufferFrames, settings.sampleRate);
+  return NSFerrand::LatencyMicroseconds(static_cast<uint32_t>(QueueTarget()) * kMMEBlockFrames,
+                                        sampleRate_);
 }
 
 void COpenMMESoundDriver::CheckAlive() {

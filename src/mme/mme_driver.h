@@ -1,6 +1,6 @@
 // An open MME driver: plays what the renderer gives through a ring of 32
 // prepared wave headers of 512 frames, kept filled by a time-critical thread
-// that polls the header flags every millisecond.
+// that waits for the device to say it is done with a header.
 #ifndef QUILLON_MME_MME_DRIVER_H
 #define QUILLON_MME_MME_DRIVER_H
 
@@ -36,6 +36,24 @@ using NSFerrand::StopWaitStep;
 // Blocks the pump keeps queued for a buffer size: whole blocks, rounded up.
 int32_t TargetBlocks(uint32_t bufferFrames);
 
+// Headers whose waits are weighed together before the queue grows.
+constexpr uint32_t kPaceWindowBlocks = 16;
+
+// Weighs how long the device keeps the headers it gives back, a run of
+// kPaceWindowBlocks at a time.
+class CDevicePaceWatch {
+ public:
+  // A header given back `ageMs` after it was written, with a queue of that
+  // many blocks: true when the run it ends shows that the device plays short
+  // and needs one block more (never beyond the ring).
+  bool HeaderDone(uint32_t ageMs, int32_t targetBlocks, uint32_t sampleRate);
+  void Reset();
+
+ private:
+  uint32_t aged_ = 0;
+  uint32_t shortestMs_ = UINT32_MAX;
+};
+
 class COpenMMESoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
                                   private NSFerrand::IThreadFunction {
  public:
@@ -57,7 +75,12 @@ class COpenMMESoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   // For tests of the family: raised each block written into an empty queue.
   uint32_t UnderrunCount() const { return underruns_.load(); }
   uint32_t BlocksWritten() const { return blocksWritten_.load(); }
-  int32_t TargetBlockCount() const { return targetBlocks_.load(); }
+  // The pump's wake-ups: the device's events and the waits that timed out.
+  uint64_t Wakes() const { return wakes_.load(); }
+  // Blocks the pump keeps queued: those the buffer size asks for, or more
+  // where the device needs a deeper queue to play at its pace.
+  int32_t TargetBlockCount() const { return QueueTarget(); }
+  int32_t AskedBlockCount() const { return askedBlocks_.load(); }
   // Blocks with the device now; on the thread that opens and closes.
   uint32_t QueuedBlocks() const { return StreamOpen() ? QueueCount() : 0; }
   bool StreamOpen() const { return waveOut_ != nullptr; }
@@ -72,8 +95,15 @@ class COpenMMESoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   void OpenStream(uint32_t sampleRate, uint32_t bufferFrames);
   void OpenStreamSteps(uint32_t sampleRate, uint32_t bufferFrames);
   void CloseStream();
-  void WriteBlock(uint32_t slice, SWaveHeader& header);
+  // The device's result; blocks written counts only what it took.
+  uint32_t WriteBlock(uint32_t slice, SWaveHeader& header);
+  // The longest the pump waits for the device's event.
+  uint32_t SafetyWaitMs() const;
   uint32_t QueueCount() const;
+  int32_t QueueTarget() const;
+  // Weighs how long the device kept the headers it gave back since the last
+  // pass, and deepens the queue when it plays short.
+  void WatchTheDevicesPace(uint32_t queued);
 
   const CMMESoundRegisteredSoundDriver& registered_;
   IWaveOut& api_;
@@ -87,7 +117,12 @@ class COpenMMESoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   std::atomic<bool> failed_{false};
   WaveOutHandle waveOut_ = nullptr;
   SWaveHeader* headers_ = nullptr;
-  std::atomic<int32_t> targetBlocks_{0};
+  std::atomic<int32_t> askedBlocks_{0};
+  std::atomic<int32_t> deviceBlocks_{0};
+  // The pace watch, on the streaming thread alone.
+  uint32_t writtenAtMs_[kMMEHeaderCount] = {};
+  uint32_t blocksSeenDone_ = 0;
+  CDevicePaceWatch paceWatch_;
   std::atomic<uint32_t> blocksWritten_{0};
   std::atomic<uint32_t> underruns_{0};
   int16_t* samples_ = nullptr;
@@ -96,6 +131,8 @@ class COpenMMESoundDriver final : public NSFerrand::CPlainOpenSoundDriver,
   std::atomic<bool> running_{false};
   // Set while the stream closes: the pump renders no further block.
   std::atomic<bool> stopping_{false};
+  NSPlatform::SEvent* doneEvent_ = nullptr;
+  std::atomic<uint64_t> wakes_{0};
 };
 
 }  // namespace NSMME

@@ -102,7 +102,7 @@ void ThrowOnWaveResult(uint32_t result) {
 
 bool IsRateAccepted(IWaveOut& waveOut, uint32_t device, uint32_t sampleRate) {
   const uint32_t answer = waveOut.Open(nullptr, device, Stereo16Format(sampleRate),
-                                       kWaveFormatQuery);
+                                       kWaveFormatQuery, nullptr);
   if (answer == kMMSysErrAllocated) RaiseFailure(NSMarlet::XOpen(), TargetWordAudioDriver());
   return answer == kMMSysErrNoError;
 }

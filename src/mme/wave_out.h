@@ -8,6 +8,7 @@
 #include <string>
 
 #include "driver/pcm_format.h"
+#include "platform/mutex.h"
 
 namespace NSMME {
 
@@ -33,7 +34,9 @@ enum : uint32_t {
 };
 
 // Flags of Open, and of a header.
-enum : uint32_t { kWaveFormatQuery = 1, kWaveAllowSync = 2 };
+// With kWaveCallbackEvent the device sets the event given to Open each time
+// it is done with a header (and as it opens and closes).
+enum : uint32_t { kWaveFormatQuery = 1, kWaveAllowSync = 2, kWaveCallbackEvent = 0x50000 };
 enum : uint32_t { kHeaderDone = 1, kHeaderPrepared = 2, kHeaderInQueue = 16 };
 // Format bits of 16-bit stereo at 11025, 22050 and 44100 Hz.
 constexpr uint32_t kStereo16Formats = 0x888;
@@ -77,8 +80,9 @@ class IWaveOut {
   virtual ~IWaveOut() = default;
   virtual uint32_t GetNumDevs() = 0;
   virtual uint32_t GetDevCaps(uint32_t device, SWaveOutCaps& caps) = 0;
+  // `doneEvent`: the event that kWaveCallbackEvent names, else null.
   virtual uint32_t Open(WaveOutHandle* handle, uint32_t device, const SWaveFormat& format,
-                        uint32_t flags) = 0;
+                        uint32_t flags, NSPlatform::SEvent* doneEvent) = 0;
   virtual uint32_t PrepareHeader(WaveOutHandle handle, SWaveHeader* header) = 0;
   virtual uint32_t UnprepareHeader(WaveOutHandle handle, SWaveHeader* header) = 0;
   virtual uint32_t Write(WaveOutHandle handle, SWaveHeader* header) = 0;

@@ -32,6 +32,9 @@ EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds);
 // As WaitEvent, for a thread that owns windows: the messages sent or posted
 // to the thread are dispatched while it waits. Elsewhere, as WaitEvent.
 EWaitResult WaitEventPumping(SEvent* event, uint32_t milliseconds);
+// The system's own object behind an event, for a service of the system that
+// sets it (a device that tells when it is done); elsewhere, the event itself.
+void* SystemEventHandle(SEvent* event);
 
 }  // namespace NSPlatform
 

@@ -322,6 +322,11 @@ void Build() {
       Platform(call, spec);
     }
   }
+  // The wave-out device tells of each header it is done with through an
+  // event, which the pump waits on.
+  for (NSPlatform::EPlatformCall call : {NSPlatform::kCallSetEvent, NSPlatform::kCallWaitEvent}) {
+    Platform(call, u"Fake Out");
+  }
   // A streaming thread's end is waited for with a time limit.
   for (const char16_t* spec : {u"Fake Out", u"Primary Sound Driver", u"Fake Speakers"}) {
     Platform(NSPlatform::kCallJoinThreadFor, spec);
@@ -397,6 +402,7 @@ std::vector<SNoRow> CallsWithoutARow() {
       {"NSPlatform", "ProcessCpuSeconds", "a clock"},
       {"NSPlatform", "DestroyMutex", "gives nothing back"},
       {"NSPlatform", "DestroyEvent", "gives nothing back"},
+      {"NSPlatform", "SystemEventHandle", "answers a handle"},
       {"NSPlatform", "ThreadHasEnded", "answers a state"},
       {"NSPlatform", "JoinThread", "gives nothing back; its timed form can fail"},
       {"NSPlatform", "TerminateThread", "gives nothing back"},

@@ -299,6 +299,62 @@ TEST_F(DirectSoundTest, PumpArithmetic) {
   EXPECT_EQ(DirectSoundFramesFor(4096), 4096u);
 }
 
+TEST_F(DirectSoundTest, ThePumpSleepsUntilAQuarterOfItsTargetIsDue) {
+  EXPECT_EQ(WriteQuantum(256), 64);
+  EXPECT_EQ(WriteQuantum(320), 64);
+  EXPECT_EQ(WriteQuantum(1024), 256);
+  EXPECT_EQ(WriteQuantum(8192), 2048);
+  // Full: a quarter of the target is due, but never later than that.
+  EXPECT_EQ(PumpWaitMs(1024, 1024, 48000), 5u);
+  EXPECT_EQ(PumpWaitMs(8192, 8192, 44100), 46u);
+  // Partly played: the rest of the quantum, rounded up.
+  EXPECT_EQ(PumpWaitMs(1024, 900, 48000), 3u);
+  // A quantum of room already: the next look comes at once, in 1 ms.
+  EXPECT_EQ(PumpWaitMs(1024, 700, 48000), 1u);
+  EXPECT_EQ(PumpWaitMs(1024, -50, 48000), 1u);
+  // Small targets at high rates wait the shortest the clock keeps.
+  EXPECT_EQ(PumpWaitMs(256, 256, 192000), 1u);
+}
+
+TEST_F(DirectSoundTest, ThePumpLooksAtTheCursorOnlyWhenAWriteCanBeDue) {
+  api.realTime = true;
+  const CSoundDriverSettings settings = Settings(48000, 1024);
+  auto open = Open(&settings);
+  ASSERT_TRUE(WaitForWrites(2));
+  const uint64_t looks = api.Calls(Fakes::kDSGetPosition);
+  const auto start = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  // A look every 1 ms would be one a millisecond; a quarter of 1024 frames
+  // at 48000 Hz is 5 ms. A busy machine looks less often, never more.
+  EXPECT_LE(static_cast<double>(api.Calls(Fakes::kDSGetPosition) - looks), ms * 0.4);
+  EXPECT_FALSE(open->Failed());
+}
+
+TEST_F(DirectSoundTest, AFailureOnTheStreamingThreadOnlySetsTheFlag) {
+  RealtimeWatch::Install();
+  for (Fakes::EDSCall call : {Fakes::kDSGetPosition, Fakes::kDSLock, Fakes::kDSUnlock}) {
+    const CSoundDriverSettings settings = Settings(48000, 1024);
+    auto open = Open(&settings);
+    ASSERT_TRUE(WaitForWrites(1));
+    // The thread's allocations as it waits for a period, before and after.
+    uint64_t periods = RealtimeWatch::PeriodWaitsBegun();
+    ASSERT_TRUE(WaitFor([&] { return RealtimeWatch::PeriodWaitsBegun() > periods + 1; }));
+    const uint64_t before = RealtimeWatch::AllocationsAtLatestPeriodWait();
+    api.Fail(call, static_cast<HResult>(0x88780078u), 1);
+    api.Advance(512);
+    ASSERT_TRUE(WaitFor([&] { return open->Failed(); })) << call;
+    periods = RealtimeWatch::PeriodWaitsBegun();
+    ASSERT_TRUE(WaitFor([&] { return RealtimeWatch::PeriodWaitsBegun() > periods + 1; }));
+    EXPECT_EQ(RealtimeWatch::AllocationsAtLatestPeriodWait(), before) << call;
+    EXPECT_EQ(FailureOf([&] { open->CheckAlive(); }).first,
+              static_cast<uint32_t>(NSMarlet::kFailureCode_RuntimeError_NotReady));
+    open.reset();
+    family.reset();
+  }
+}
+
 TEST_F(DirectSoundTest, ATargetOf256WritesByTheMask) {
   const CSoundDriverSettings settings = Settings(48000, 256);
   auto open = Open(&settings);

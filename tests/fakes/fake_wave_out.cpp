@@ -1,5 +1,6 @@
 #include "fakes/fake_wave_out.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace Fakes {
@@ -38,9 +39,15 @@ uint32_t CFakeWaveOut::Enter(EWaveCall call) {
   return result;
 }
 
-void CFakeWaveOut::Done(SWaveHeader* header) {
+void CFakeWaveOut::Done(SStream* stream, SWaveHeader* header) {
   __atomic_fetch_or(&header->flags, kHeaderDone, __ATOMIC_ACQ_REL);
   __atomic_fetch_and(&header->flags, ~kHeaderInQueue, __ATOMIC_ACQ_REL);
+  Tell(stream);
+}
+
+void CFakeWaveOut::Tell(SStream* stream) {
+  if (!tells) return;
+  if (stream->doneEvent != nullptr && NSPlatform::SetEvent(stream->doneEvent)) ++doneEventsSet_;
 }
 
 void CFakeWaveOut::Play(SStream* stream) {
@@ -58,21 +65,31 @@ void CFakeWaveOut::Play(SStream* stream) {
     }
     const auto now = std::chrono::steady_clock::now();
     const auto block = std::chrono::microseconds(512ll * 1000000 / stream->rate);
-    while (!stream->queue.empty() && now >= next + block) {
-      Done(stream->queue.front());
+    const auto pipeline = std::chrono::milliseconds(pipelineMs.load());
+    while (!stream->queue.empty()) {
+      // Played a block after the one before, and not before it got through.
+      const auto due = std::max(next + block, stream->queue.frontWritten() + pipeline);
+      if (now < due) break;
+      Done(stream, stream->queue.front());
       stream->queue.pop_front();
-      next += block;
+      next = due;
     }
   }
 }
 
+// All of them before the stream hears of any, as a device that gives back a
+// burst of headers at once.
 void CFakeWaveOut::Complete(size_t count) {
   std::lock_guard<std::mutex> guard(lock_);
   for (auto& stream : streams_) {
-    for (size_t i = 0; i < count && !stream->queue.empty(); ++i) {
-      Done(stream->queue.front());
+    size_t done = 0;
+    for (; done < count && !stream->queue.empty(); ++done) {
+      SWaveHeader* header = stream->queue.front();
+      __atomic_fetch_or(&header->flags, kHeaderDone, __ATOMIC_ACQ_REL);
+      __atomic_fetch_and(&header->flags, ~kHeaderInQueue, __ATOMIC_ACQ_REL);
       stream->queue.pop_front();
     }
+    for (size_t i = 0; i < done; ++i) Tell(stream.get());
   }
 }
 
@@ -96,7 +113,7 @@ uint32_t CFakeWaveOut::GetDevCaps(uint32_t device, SWaveOutCaps& caps) {
 }
 
 uint32_t CFakeWaveOut::Open(WaveOutHandle* handle, uint32_t device, const SWaveFormat& format,
-                            uint32_t flags) {
+                            uint32_t flags, NSPlatform::SEvent* doneEvent) {
   if ((flags & kWaveFormatQuery) != 0) {
     if (const uint32_t forced = Enter(kWaveQuery)) return forced;
     if (device >= devices.size()) return kMMSysErrBadDeviceId;
@@ -110,6 +127,7 @@ uint32_t CFakeWaveOut::Open(WaveOutHandle* handle, uint32_t device, const SWaveF
   if (devices[device].rates.count(format.samplesPerSecond) == 0) return kWaveErrBadFormat;
   auto stream = std::make_unique<SStream>();
   stream->rate = format.samplesPerSecond;
+  if ((flags & kWaveCallbackEvent) == kWaveCallbackEvent) stream->doneEvent = doneEvent;
   SStream* raw = stream.get();
   stream->clock = std::thread([this, raw] { Play(raw); });
   {
@@ -164,7 +182,7 @@ uint32_t CFakeWaveOut::Reset(WaveOutHandle handle) {
   if (stuck) return kMMSysErrNoError;
   std::lock_guard<std::mutex> guard(lock_);
   SStream* stream = static_cast<SStream*>(handle);
-  stream->queue.ForEach(&Done);
+  stream->queue.ForEach([this, stream](SWaveHeader* header) { Done(stream, header); });
   stream->queue.clear();
   return kMMSysErrNoError;
 }

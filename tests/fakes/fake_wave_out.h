@@ -5,6 +5,7 @@
 #define QUILLON_TESTS_FAKES_FAKE_WAVE_OUT_H
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -47,10 +48,18 @@ class CFakeWaveOut final : public NSMME::IWaveOut {
   std::atomic<bool> realTime{true};
   // A stuck device keeps its headers whatever Reset says.
   std::atomic<bool> stuck{false};
+  // In real time, a header is given back no sooner than this long after it
+  // was written: a device that holds that much in its own pipeline, and
+  // plays short while the queue holds less.
+  std::atomic<uint32_t> pipelineMs{0};
+  // False: a device that never sets the stream's event.
+  std::atomic<bool> tells{true};
 
   // Answer `result` on the next `times` calls of that kind (-1: always).
   void Fail(EWaveCall call, uint32_t result, int32_t times = -1);
   uint64_t Calls(EWaveCall call) const { return calls_[call].load(); }
+  // Headers the device said it was done with through the stream's event.
+  uint64_t DoneEventsSet() const { return doneEventsSet_.load(); }
   // Marks the oldest `count` queued headers of the open stream played.
   void Complete(size_t count);
   size_t Queued();
@@ -60,7 +69,7 @@ class CFakeWaveOut final : public NSMME::IWaveOut {
   uint32_t GetNumDevs() override;
   uint32_t GetDevCaps(uint32_t device, NSMME::SWaveOutCaps& caps) override;
   uint32_t Open(NSMME::WaveOutHandle* handle, uint32_t device, const NSMME::SWaveFormat& format,
-                uint32_t flags) override;
+                uint32_t flags, NSPlatform::SEvent* doneEvent) override;
   uint32_t PrepareHeader(NSMME::WaveOutHandle handle, NSMME::SWaveHeader* header) override;
   uint32_t UnprepareHeader(NSMME::WaveOutHandle handle, NSMME::SWaveHeader* header) override;
   uint32_t Write(NSMME::WaveOutHandle handle, NSMME::SWaveHeader* header) override;
@@ -77,12 +86,14 @@ class CFakeWaveOut final : public NSMME::IWaveOut {
     bool empty() const { return count_ == 0; }
     size_t size() const { return count_; }
     NSMME::SWaveHeader* front() const { return ring_[head_]; }
+    std::chrono::steady_clock::time_point frontWritten() const { return written_[head_]; }
     void pop_front() {
       head_ = (head_ + 1) % kCapacity;
       --count_;
     }
     void push_back(NSMME::SWaveHeader* header) {
       ring_[(head_ + count_) % kCapacity] = header;
+      written_[(head_ + count_) % kCapacity] = std::chrono::steady_clock::now();
       ++count_;
     }
     void clear() { count_ = 0; }
@@ -94,19 +105,24 @@ class CFakeWaveOut final : public NSMME::IWaveOut {
    private:
     static constexpr size_t kCapacity = 64;
     NSMME::SWaveHeader* ring_[kCapacity] = {};
+    std::chrono::steady_clock::time_point written_[kCapacity] = {};
     size_t head_ = 0;
     size_t count_ = 0;
   };
   struct SStream {
     uint32_t rate = 0;
     bool paused = false;
+    // Set as the device is done with each header, when the stream asked.
+    NSPlatform::SEvent* doneEvent = nullptr;
     CQueue queue;
     std::atomic<bool> stop{false};
     std::thread clock;
   };
   uint32_t Enter(EWaveCall call);
   void Play(SStream* stream);
-  static void Done(NSMME::SWaveHeader* header);
+  // Marks the header played and tells the stream, as the device does.
+  void Done(SStream* stream, NSMME::SWaveHeader* header);
+  void Tell(SStream* stream);
 
   std::atomic<uint64_t> calls_[kWaveCallCount] = {};
   std::atomic<uint32_t> failResult_[kWaveCallCount] = {};
@@ -115,6 +131,7 @@ class CFakeWaveOut final : public NSMME::IWaveOut {
   std::vector<std::unique_ptr<SStream>> streams_;
   std::atomic<uint32_t> openStreams_{0};
   std::atomic<uint32_t> lastRate_{0};
+  std::atomic<uint64_t> doneEventsSet_{0};
 };
 
 // A device that plays 16-bit stereo at the given rates.

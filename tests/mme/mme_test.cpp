@@ -219,6 +219,128 @@ TEST_F(MMETest, TargetBlocksRoundUp) {
   EXPECT_EQ(TargetBlocks(16384), 32);
 }
 
+TEST_F(MMETest, TheDevicesPaceIsWeighedByTheShortestWaitOfARun) {
+  // Two blocks at 48000 Hz play 21.3 ms; an eighth more is 24 ms.
+  CDevicePaceWatch watch;
+  for (uint32_t i = 1; i < kPaceWindowBlocks; ++i) EXPECT_FALSE(watch.HeaderDone(25, 2, 48000));
+  EXPECT_TRUE(watch.HeaderDone(25, 2, 48000));
+  // One header as quick as the queue: the device keeps pace, however late
+  // the others came back.
+  for (uint32_t i = 1; i < kPaceWindowBlocks; ++i) EXPECT_FALSE(watch.HeaderDone(400, 2, 48000));
+  EXPECT_FALSE(watch.HeaderDone(23, 2, 48000));
+  for (uint32_t i = 0; i < kPaceWindowBlocks; ++i) EXPECT_FALSE(watch.HeaderDone(24, 2, 48000));
+  // A full ring grows no further.
+  for (uint32_t i = 0; i < kPaceWindowBlocks; ++i) EXPECT_FALSE(watch.HeaderDone(9999, 32, 48000));
+  // A reset starts the run anew.
+  for (uint32_t i = 1; i < kPaceWindowBlocks; ++i) watch.HeaderDone(25, 2, 48000);
+  watch.Reset();
+  EXPECT_FALSE(watch.HeaderDone(25, 2, 48000));
+}
+
+TEST_F(MMETest, TheQueueDeepensForADeviceThatKeepsHeadersLongerThanItPlays) {
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {48000}));
+  fake.realTime = false;
+  CSoundDriverSettings wanted = Settings(48000, 1024);
+  auto driver = Open(0, &wanted);
+  ASSERT_EQ(driver->TargetBlockCount(), 2);
+  // Each header comes back 30 ms after it went, later than the 21.3 ms the
+  // queue plays: after a run of them, the queue holds one block more.
+  auto giveBackLate = [&](uint32_t ms) {
+    for (uint32_t i = 0; i < kPaceWindowBlocks; ++i) {
+      const uint32_t written = driver->BlocksWritten();
+      std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+      fake.Complete(1);
+      ASSERT_TRUE(WaitFor([&] { return driver->BlocksWritten() > written; }));
+    }
+  };
+  giveBackLate(30);
+  EXPECT_EQ(driver->TargetBlockCount(), 3);
+  ASSERT_TRUE(WaitFor([&] { return fake.Queued() == 3u; }));
+  // Three blocks play 32 ms: 40 ms is still short.
+  giveBackLate(40);
+  EXPECT_EQ(driver->TargetBlockCount(), 4);
+  EXPECT_EQ(driver->AskedBlockCount(), 2);
+  // The size stays the host's; the latency is the queue's.
+  CSoundDriverSettings s;
+  driver->GetSettings(s);
+  EXPECT_EQ(s.bufferFrames, 1024u);
+  EXPECT_EQ(driver->GetOutputLatency(), 4 * 512 * 1000000LL / 48000);
+  // A larger size asked is kept; a smaller one leaves the device's depth.
+  driver->ApplySettings(Settings(48000, 8192));
+  EXPECT_EQ(driver->TargetBlockCount(), 16);
+  driver->ApplySettings(Settings(48000, 512));
+  EXPECT_EQ(driver->TargetBlockCount(), 4);
+}
+
+TEST_F(MMETest, ADeviceWithAPipelineIsPlayedAtItsPace) {
+  // A device that gives each header back no sooner than 30 ms after it went
+  // plays two blocks of 512 frames at 48000 Hz at 0.71 of its rate.
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {48000}));
+  fake.pipelineMs = 30;
+  CSoundDriverSettings wanted = Settings(48000, 1024);
+  auto driver = Open(0, &wanted);
+  ASSERT_TRUE(WaitFor([&] { return driver->TargetBlockCount() >= 3; }, 10000));
+  const uint64_t frames = renderer.totalFrames.load();
+  const auto start = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double rate = static_cast<double>(renderer.totalFrames.load() - frames) / seconds;
+  EXPECT_GT(rate, 48000 * 0.9);
+  EXPECT_LT(rate, 48000 * 1.1);
+}
+
+TEST_F(MMETest, ThePumpWaitsForTheDevicesEventNotTheClock) {
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {48000}));
+  CSoundDriverSettings wanted = Settings(48000, 1024);
+  auto driver = Open(0, &wanted);
+  ASSERT_TRUE(WaitFor([&] { return driver->BlocksWritten() > 4; }));
+  const uint64_t wakes = driver->Wakes();
+  const uint64_t told = fake.DoneEventsSet();
+  const auto start = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  // A look every 1 ms would be one a millisecond. Here the device tells of
+  // each block (10.7 ms) and the safety net is a quarter of the queue
+  // (5.3 ms); a busy machine wakes less often, never more.
+  EXPECT_GT(fake.DoneEventsSet(), told);
+  EXPECT_LE(static_cast<double>(driver->Wakes() - wakes), ms * 0.4);
+  EXPECT_EQ(driver->UnderrunCount(), 0u);
+}
+
+TEST_F(MMETest, ADeviceThatNeverTellsIsStillKeptFedByTheSafetyNet) {
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {48000}));
+  fake.tells = false;
+  CSoundDriverSettings wanted = Settings(48000, 2048);
+  auto driver = Open(0, &wanted);
+  const uint32_t blocks = driver->BlocksWritten();
+  // Three quarters of the queue are left when the pump looks by itself.
+  ASSERT_TRUE(WaitFor([&] { return driver->BlocksWritten() >= blocks + 40; }, 10000));
+  EXPECT_EQ(fake.DoneEventsSet(), 0u);
+  EXPECT_FALSE(RaisesWithAudioDriver<NSMarlet::XNotReady>([&] { driver->CheckAlive(); }));
+}
+
+TEST_F(MMETest, AFailureOnTheStreamingThreadOnlySetsTheFlag) {
+  RealtimeWatch::Install();
+  fake.devices.push_back(Fakes::StereoDevice(u"D", {48000}));
+  fake.realTime = false;
+  CSoundDriverSettings wanted = Settings(48000, 1024);
+  auto driver = Open(0, &wanted);
+  // The thread's allocations as it waits for its period, before and after.
+  uint64_t periods = RealtimeWatch::PeriodWaitsBegun();
+  ASSERT_TRUE(WaitFor([&] { return RealtimeWatch::PeriodWaitsBegun() > periods + 1; }));
+  const uint64_t before = RealtimeWatch::AllocationsAtLatestPeriodWait();
+  fake.Fail(Fakes::kWaveWrite, kMMSysErrNoMem, 1);
+  fake.Complete(1);
+  ASSERT_TRUE(WaitFor([&] {
+    return RaisesWithAudioDriver<NSMarlet::XNotReady>([&] { driver->CheckAlive(); });
+  }));
+  periods = RealtimeWatch::PeriodWaitsBegun();
+  ASSERT_TRUE(WaitFor([&] { return RealtimeWatch::PeriodWaitsBegun() > periods + 1; }));
+  EXPECT_EQ(RealtimeWatch::AllocationsAtLatestPeriodWait(), before);
+}
+
 TEST_F(MMETest, OpeningPrimesTheQueueAndStreamsAtThePaceOfTheDevice) {
   fake.devices.push_back(Fakes::StereoDevice(u"D", {44100}));
   CSoundDriverSettings wanted = Settings(44100, 1100);  // not a multiple of 512
@@ -227,7 +349,8 @@ TEST_F(MMETest, OpeningPrimesTheQueueAndStreamsAtThePaceOfTheDevice) {
   driver->GetSettings(s);
   EXPECT_EQ(s.bufferFrames, 1100u);
   EXPECT_EQ(driver->TargetBlockCount(), 3);
-  EXPECT_EQ(driver->GetOutputLatency(), 1100 * 1000000LL / 44100);
+  // The latency is the queue's: three whole blocks.
+  EXPECT_EQ(driver->GetOutputLatency(), 1536 * 1000000LL / 44100);
   EXPECT_EQ(fake.Calls(Fakes::kWavePrepare), 32u);
   const auto start = std::chrono::steady_clock::now();
   const uint64_t framesAtStart = renderer.totalFrames.load();

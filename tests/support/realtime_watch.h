@@ -17,6 +17,11 @@ namespace RealtimeWatch {
 void Install();
 // Waits begun on the calling thread so far, its period waits left out.
 uint64_t BlockingWaitsOnThisThread();
+// Period waits begun on any thread, and the allocations of the thread that
+// began the latest, counted as it began it: a streaming thread that goes on
+// waiting for its periods after a failure shows what the failure cost it.
+uint64_t PeriodWaitsBegun();
+uint64_t AllocationsAtLatestPeriodWait();
 
 }  // namespace RealtimeWatch
 

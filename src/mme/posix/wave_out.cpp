@@ -9,7 +9,7 @@ class CNoWaveOut final : public IWaveOut {
  public:
   uint32_t GetNumDevs() override { return 0; }
   uint32_t GetDevCaps(uint32_t, SWaveOutCaps&) override { return kMMSysErrBadDeviceId; }
-  uint32_t Open(WaveOutHandle*, uint32_t, const SWaveFormat&, uint32_t) override {
+  uint32_t Open(WaveOutHandle*, uint32_t, const SWaveFormat&, uint32_t, NSPlatform::SEvent*) override {
     return kMMSysErrBadDeviceId;
   }
   uint32_t PrepareHeader(WaveOutHandle, SWaveHeader*) override { return kMMSysErrInvalidHandle; }

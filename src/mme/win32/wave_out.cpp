@@ -33,7 +33,7 @@ class CSystemWaveOut final : public IWaveOut {
   }
 
   uint32_t Open(WaveOutHandle* handle, uint32_t device, const SWaveFormat& format,
-                uint32_t flags) override {
+                uint32_t flags, NSPlatform::SEvent* doneEvent) override {
     WAVEFORMATEX system = {};
     system.wFormatTag = format.formatTag;
     system.nChannels = format.channels;
@@ -44,7 +44,8 @@ class CSystemWaveOut final : public IWaveOut {
     system.cbSize = format.extraSize;
     HWAVEOUT opened = nullptr;
     const MMRESULT result =
-        waveOutOpen(handle != nullptr ? &opened : nullptr, device, &system, 0, 0, flags);
+        waveOutOpen(handle != nullptr ? &opened : nullptr, device, &system,
+                    reinterpret_cast<DWORD_PTR>(NSPlatform::SystemEventHandle(doneEvent)), 0, flags);
     if (handle != nullptr) *handle = opened;
     return result;
   }

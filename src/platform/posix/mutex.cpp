@@ -176,6 +176,8 @@ EWaitResult WaitEvent(SEvent* e, uint32_t milliseconds) {
   return result == ETIMEDOUT ? kWaitTimeout : kWaitFailed;
 }
 
+void* SystemEventHandle(SEvent* event) { return event; }
+
 EWaitResult WaitEventPumping(SEvent* e, uint32_t milliseconds) {
   if (FailNow(kCallWaitEventPumping)) return kWaitFailed;
   return WaitEvent(e, milliseconds);

@@ -70,6 +70,8 @@ EWaitResult WaitEvent(SEvent* event, uint32_t milliseconds) {
   return Wait(event->handle, milliseconds);
 }
 
+void* SystemEventHandle(SEvent* event) { return event != nullptr ? event->handle : nullptr; }
+
 EWaitResult WaitEventPumping(SEvent* event, uint32_t milliseconds) {
   if (FailNow(kCallWaitEventPumping)) return kWaitFailed;
   if (milliseconds != 0) NoticeWait(kNoticeBlockingWait);
