@@ -531,8 +531,8 @@ TEST_F(MMETest, HostileSizesAreKeptWithinTheRing) {
     CSoundDriverSettings s;
     driver->GetSettings(s);
     EXPECT_EQ(s.bufferFrames, row[1]) << row[0];
-    fake.Complete(32);
     const uint64_t written = driver->BlocksWritten();
+    fake.Complete(32);
     ASSERT_TRUE(WaitFor([&] { return driver->BlocksWritten() > written; }));
   }
   EXPECT_EQ(fake.Calls(Fakes::kWaveOpen), 10u);
